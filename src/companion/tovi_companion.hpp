@@ -1,0 +1,46 @@
+// The companion seam: the kernel-side services the library relies on (the
+// private system call 259, the /proc/kar ioctls, the jiffies UIO device) go
+// through this interface and nowhere else. Two backends serve it:
+//
+//   kernel  the platform's kernel companion: raw system call 259 with the
+//           command word (381 << 32) | command, and the UIO device;
+//   user    a stand-in inside the library for hosts without that kernel.
+//
+// The backend is chosen once, at first use: TOVI_COMPANION=kernel|user wins;
+// otherwise kernel only when the platform kernel is there (aarch64 with
+// /proc/kar/syscall).
+#pragma once
+
+#include <cstdint>
+
+#include "tovi_jiffies.h"
+
+namespace tovi::companion {
+
+enum class Backend { kernel, user };
+
+// Private system call commands.
+inline constexpr uint32_t kCmdWait = 0x800;
+
+Backend backend();
+const char *backend_name();
+
+// Makes private system call `cmd` with up to three argument slots (the rest
+// carry -1). Returns what the call returns: -1 with errno set on failure.
+long syscall(uint32_t cmd, long a1 = -1, long a2 = -1, long a3 = -1);
+
+// Maps the jiffies counter into `uio` (which the caller has zeroed). The
+// kernel backend maps the UIO device and returns 0 or 0xFFFFFFFF; the user
+// backend has no device, leaves the counter pointer null and returns 0.
+uint32_t jiffies_map(tovi_jiffies_uio_s *uio);
+
+namespace kernel {
+long syscall(uint32_t cmd, long a1, long a2, long a3);
+uint32_t jiffies_map(tovi_jiffies_uio_s *uio);
+}  // namespace kernel
+
+namespace user {
+long syscall(uint32_t cmd, long a1, long a2, long a3);
+}  // namespace user
+
+}  // namespace tovi::companion

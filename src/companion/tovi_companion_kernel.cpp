@@ -1,0 +1,134 @@
+// Kernel backend of the companion: the platform kernel's private system call
+// and its jiffies UIO device.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <safe_str_lib.h>
+
+#include "tovi_arch.hpp"
+#include "tovi_companion.hpp"
+#include "tovi_log.hpp"
+
+namespace tovi::companion::kernel {
+namespace {
+
+constexpr long kPrivateSyscall = 259;
+constexpr size_t kPathMax = 128;
+constexpr size_t kValueMax = 32;
+constexpr const char *kUioDir = "/sys/devices/platform/jiffies_uio/uio/";
+
+// Finds the device's name ("uio<N>") under the platform directory.
+uint32_t tovi_get_child_dir(char *child, size_t size)
+{
+    DIR *dir = opendir(kUioDir);
+    if (dir == nullptr) {
+        TOVI_LOG(log::kError, "Tovi jiffies get child dir (%s) failed, errno=%d.", child, errno);
+        return TOVI_ERR;
+    }
+    errno = 0;
+    const dirent *entry;
+    while ((entry = readdir(dir)) != nullptr)
+        if (std::strncmp(entry->d_name, "uio", 3) == 0)
+            break;
+    if (entry == nullptr) {
+        int err = errno;
+        closedir(dir);
+        TOVI_LOG(log::kError, "Tovi jiffies get child dir (%s) failed, errno=%d.", child, err);
+        return TOVI_ERR;
+    }
+    if (strcpy_s(child, size, entry->d_name) != EOK)
+        TOVI_LOG(log::kError, "strcpy_s failed.");
+    closedir(dir);
+    return 0;
+}
+
+int open_map_file(const char *child, const char *file)
+{
+    char path[kPathMax];
+    snprintf_s(path, sizeof path, "%s%s/maps/map0/%s", kUioDir, child, file);
+    return open(path, O_RDONLY);
+}
+
+// Reads at most kValueMax bytes of a sysfs value (written as "0x..." or decimal).
+void read_value(int fd, char (&buf)[kValueMax + 1])
+{
+    std::memset(buf, 0, sizeof buf);
+    ssize_t n = read(fd, buf, kValueMax);
+    if (n < 0)
+        buf[0] = '\0';
+}
+
+void close_all(const int *fds, size_t count)
+{
+    for (size_t i = 0; i < count; ++i)
+        if (fds[i] >= 0)
+            close(fds[i]);
+}
+
+}  // namespace
+
+long syscall(uint32_t cmd, long a1, long a2, long a3)
+{
+    if constexpr (arch::kPlatformSyscall) {
+        uint64_t word = (static_cast<uint64_t>(TOVI_MODULE_ID) << 32) | cmd;
+        return ::syscall(kPrivateSyscall, word, a1, a2, a3, -1L);
+    }
+    errno = ENOSYS;
+    return -1;
+}
+
+uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
+{
+    char child[kPathMax] = "";
+    if (tovi_get_child_dir(child, sizeof child) != 0)
+        return TOVI_ERR;
+
+    char dev_path[kPathMax];
+    snprintf_s(dev_path, sizeof dev_path, "/dev/%s", child);
+    int fds[4] = {open(dev_path, O_RDONLY), -1, -1, -1};
+    if (fds[0] < 0)
+        return TOVI_ERR;
+    uio->dev_fd = fds[0];
+
+    static const char *const files[] = {"addr", "size", "offset"};
+    static const char *const failures[] = {"Tovi jiffies open addr_fd map failed, errno=%d.",
+                                           "Tovi jiffies open size_fd map failed, errno=%d.",
+                                           "Tovi jiffies open map failed, errno=%d."};
+    char values[3][kValueMax + 1];
+    for (size_t i = 0; i < 3; ++i) {
+        fds[i + 1] = open_map_file(child, files[i]);
+        if (fds[i + 1] < 0) {
+            TOVI_LOG(log::kError, failures[i], errno);
+            close_all(fds, 4);
+            return TOVI_ERR;
+        }
+        read_value(fds[i + 1], values[i]);
+    }
+    uint64_t addr = std::strtoull(values[0], nullptr, 0);
+    int64_t size = std::strtoll(values[1], nullptr, 0);
+    int64_t offset = std::strtoll(values[2], nullptr, 0);
+
+    void *base = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE, fds[0], 0);
+    if (base == MAP_FAILED) {
+        TOVI_LOG(log::kError, "Tovi jiffies mmap2, errno=%d.", errno);
+        close_all(fds, 4);
+        return TOVI_ERR;
+    }
+    uio->addr_fd = fds[1];
+    uio->size_fd = fds[2];
+    uio->offset_fd = fds[3];
+    uio->phys_addr = addr;
+    uio->size = static_cast<uint64_t>(size);
+    uio->jiffies = reinterpret_cast<volatile uint64_t *>(static_cast<char *>(base) + offset);
+    // The mapping outlives the descriptors.
+    close_all(fds, 4);
+    return 0;
+}
+
+}  // namespace tovi::companion::kernel

@@ -1,0 +1,114 @@
+// The default logging library itself.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fcntl.h>
+#include <regex>
+#include <string>
+#include <unistd.h>
+
+#include "vrlog.h"
+
+namespace {
+
+// Collects what vrlog writes to standard error while in scope.
+class StderrCapture {
+public:
+    StderrCapture()
+    {
+        std::fflush(stderr);
+        char path[] = "/tmp/vrlog_check_XXXXXX";
+        fd_ = mkstemp(path);
+        unlink(path);
+        saved_ = dup(STDERR_FILENO);
+        dup2(fd_, STDERR_FILENO);
+    }
+    ~StderrCapture()
+    {
+        restore();
+        close(fd_);
+    }
+    std::string text()
+    {
+        restore();
+        std::string out;
+        char buf[4096];
+        ssize_t n;
+        lseek(fd_, 0, SEEK_SET);
+        while ((n = read(fd_, buf, sizeof buf)) > 0)
+            out.append(buf, static_cast<size_t>(n));
+        return out;
+    }
+
+private:
+    void restore()
+    {
+        if (saved_ >= 0) {
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+            saved_ = -1;
+        }
+    }
+    int fd_ = -1;
+    int saved_ = -1;
+};
+
+}  // namespace
+
+TEST(Vrlog, DefaultThresholdIsSixPerModule)
+{
+    EXPECT_EQ(vrlog_loglevel_get(5), 6);
+    EXPECT_EQ(vrlog_level_check(5, 6), 0);
+    EXPECT_EQ(vrlog_level_check(5, 7), 1);
+    EXPECT_EQ(vrlog_loglevel_get(1024), -1);
+
+    EXPECT_EQ(vrlog_loglevel_set(5, 7), 0);
+    EXPECT_EQ(vrlog_level_check(5, 7), 0);
+    EXPECT_EQ(vrlog_level_check(6, 7), 1);
+    EXPECT_EQ(vrlog_loglevel_set(5, 8), -1);
+    EXPECT_EQ(vrlog_loglevel_set(1024, 3), -1);
+    EXPECT_EQ(vrlog_loglevel_set(5, 6), 0);
+}
+
+TEST(Vrlog, LineCarriesTimeLevelModuleSourceAndFunction)
+{
+    ASSERT_EQ(vrlog_init(381, "KOMI"), 0);
+    StderrCapture cap;
+    EXPECT_GT(vrlog(381, 3, "tovi_init", 42, "tovi_Init", 0, "Get jiffies usr addr failed."), 0);
+    EXPECT_EQ(vrlog(381, 7, "tovi_init", 43, "tovi_Init", 0, "hidden"), 0);
+    vrlog_original("<%d>raw line", 77);
+    std::string out = cap.text();
+    std::regex line(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} ERROR 381/KOMI tovi_init:42 tovi_Init: )"
+                    R"(Get jiffies usr addr failed\.\n<77>raw line\n$)");
+    EXPECT_TRUE(std::regex_match(out, line)) << out;
+}
+
+TEST(Vrlog, RateLimitHoldsBackAModuleGroup)
+{
+    ASSERT_EQ(vrlog_init(200, "NVME"), 0);
+    EXPECT_EQ(vrlog_get_group_id("NVME"), 200);
+    EXPECT_EQ(vrlog_get_group_id("201"), 201);
+    EXPECT_EQ(vrlog_get_group_id("nobody"), -1);
+    EXPECT_EQ(vrlog_ratelimit_set(-1, 1000, 1), -1);
+    ASSERT_EQ(vrlog_ratelimit_set(200, 60000, 2), 0);
+    StderrCapture cap;
+    for (int i = 0; i < 5; ++i)
+        vrlog(200, 3, "f", 1, "fn", 0, "message %d", i);
+    vrlog(201, 3, "f", 1, "fn", 0, "other module");
+    std::string out = cap.text();
+    EXPECT_NE(out.find("message 0\n"), std::string::npos);
+    EXPECT_NE(out.find("message 1\n"), std::string::npos);
+    EXPECT_EQ(out.find("message 2\n"), std::string::npos);
+    EXPECT_NE(out.find("other module\n"), std::string::npos);
+    ASSERT_EQ(vrlog_ratelimit_set(200, 0, 0), 0);
+}
+
+TEST(Vrlog, DestroyForgetsNames)
+{
+    ASSERT_EQ(vrlog_init(300, "GONE"), 0);
+    EXPECT_EQ(vrlog_get_group_id("GONE"), 300);
+    EXPECT_EQ(vrlog_destroy(), 0);
+    EXPECT_EQ(vrlog_get_group_id("GONE"), -1);
+    EXPECT_EQ(vrlog_init(1024, "X"), -1);
+    EXPECT_EQ(vrlog_init(1, nullptr), -1);
+}

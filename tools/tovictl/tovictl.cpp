@@ -1,0 +1,161 @@
+// tovictl: inspect and demonstrate the library from the command line.
+#include <atomic>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "tovi_companion.h"
+#include "tovi_init.h"
+#include "tovi_jiffies.h"
+#include "tovi_sched.h"
+#include "tovi_time.h"
+#include "tovi_version.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+bool start_library()
+{
+    tovi_log_init(TOVI_MODULE_ID, "KOMI");
+    if (tovi_Init() != 0) {
+        std::fprintf(stderr, "tovictl: the library failed to start (see the log above)\n");
+        return false;
+    }
+    return true;
+}
+
+int cmd_info(int, char **)
+{
+    if (!start_library())
+        return kExitFailure;
+    std::printf("version:            %s\n", TOVI_VERSION_STRING);
+    std::printf("companion:          %s\n", tovi_companion_name());
+    std::printf("jiffies:            %" PRIu64 "\n", tovi_get_jiffies());
+    std::printf("nanoseconds:        %" PRIu64 "\n", tovi_time_getnanosec());
+    std::printf("milliseconds:       %" PRIu64 "\n", tovi_time_getmillisec());
+    std::printf("counter ns/tick:    %" PRIu64 "\n", tovi_time_cycles2ns(1));
+    std::printf("counter frequency:  %" PRIu64 " Hz\n",
+                tovi_time_cycles2ns(1) == 0 ? 0 : UINT64_C(1000000000) / tovi_time_cycles2ns(1));
+    std::printf("module %u:         %s\n", TOVI_MODULE_ID, tovi_pid_get_name(TOVI_MODULE_ID));
+    std::printf("process version:    %" PRIu64 "\n", ps_get_version());
+    tovi_destory();
+    return kExitOk;
+}
+
+struct Sleeper {
+    uint32_t word = 1;
+    std::atomic<int32_t> tid{0};
+    int64_t result = 0;
+    uint64_t woke_ns = 0;
+};
+
+void *sleeper_main(void *arg)
+{
+    auto *s = static_cast<Sleeper *>(arg);
+    s->tid.store(gettid());
+    s->result = tovi_wait_comm(&s->word, 5 * TOVI_HZ);
+    s->woke_ns = tovi_time_getnanosec();
+    return nullptr;
+}
+
+void demo_clocks()
+{
+    std::printf("== clocks\n");
+    uint64_t j0 = tovi_get_jiffies();
+    uint64_t n0 = tovi_time_getnanosec();
+    tovi_msleep(100);
+    uint64_t j1 = tovi_get_jiffies();
+    uint64_t n1 = tovi_time_getnanosec();
+    std::printf("tovi_msleep(100): %.3f ms, %" PRIu64 " jiffies (4 ms each)\n", (n1 - n0) / 1e6, j1 - j0);
+    uint64_t spun = tovi_mdelay(5);
+    std::printf("tovi_mdelay(5) busy-waited %.3f ms\n", spun / 1e6);
+    tovi_estimate_tsc_freq();
+    std::printf("measured counter rate: %.3f GHz\n", currCpuGHz);
+}
+
+void demo_wake_up()
+{
+    std::printf("== wait and wake-up\n");
+    Sleeper s;
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, sleeper_main, &s) != 0) {
+        std::printf("cannot start a thread\n");
+        return;
+    }
+    while (s.tid.load() == 0)
+        tovi_yield();
+    tovi_msleep(50);  // let it park
+    uint64_t sent = tovi_time_getnanosec();
+    __atomic_store_n(&s.word, 0, __ATOMIC_RELEASE);
+    uint32_t ret = tovi_wake_up_process(s.tid.load());
+    pthread_join(thread, nullptr);
+    std::printf("woke thread %d (tovi_wake_up_process=%u): tovi_wait_comm returned %" PRId64
+                " jiffies left, after %.1f us\n",
+                s.tid.load(), ret, s.result, (s.woke_ns - sent) / 1e3);
+    uint32_t word = 1;
+    uint64_t t0 = tovi_time_getnanosec();
+    int64_t timed_out = tovi_wait_comm(&word, 25);
+    std::printf("tovi_wait_comm(word, 25) with nobody waking: %" PRId64 " after %.1f ms\n", timed_out,
+                (tovi_time_getnanosec() - t0) / 1e6);
+}
+
+void demo_modules()
+{
+    std::printf("== module names\n");
+    std::printf("module 381: %s, module 5: %s, module 70000: %s\n", tovi_pid_get_name(381),
+                tovi_pid_get_name(5), tovi_pid_get_name(70000));
+}
+
+int cmd_demo(int, char **)
+{
+    if (!start_library())
+        return kExitFailure;
+    std::printf("libtovi %s, companion %s\n", TOVI_VERSION_STRING, tovi_companion_name());
+    demo_clocks();
+    demo_wake_up();
+    demo_modules();
+    tovi_destory();
+    return kExitOk;
+}
+
+struct Command {
+    const char *name;
+    const char *usage;
+    int (*run)(int argc, char **argv);
+};
+
+const Command kCommands[] = {
+    {"info", "info                 version, companion, clocks and module 381", cmd_info},
+    {"demo", "demo                 a short tour of the library", cmd_demo},
+};
+
+int usage(FILE *out, int code)
+{
+    std::fprintf(out, "usage: tovictl COMMAND [ARGS]\n\ncommands:\n");
+    for (const Command &c : kCommands)
+        std::fprintf(out, "  %s\n", c.usage);
+    std::fprintf(out, "  help                 this text\n");
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 2)
+        return usage(stderr, kExitUsage);
+    if (std::strcmp(argv[1], "help") == 0 || std::strcmp(argv[1], "--help") == 0 ||
+        std::strcmp(argv[1], "-h") == 0)
+        return usage(stdout, kExitOk);
+    for (const Command &c : kCommands)
+        if (std::strcmp(argv[1], c.name) == 0)
+            return c.run(argc - 2, argv + 2);
+    std::fprintf(stderr, "tovictl: unknown command '%s'\n", argv[1]);
+    return usage(stderr, kExitUsage);
+}
