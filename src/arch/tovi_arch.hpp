@@ -4,6 +4,8 @@
 //   counter_read()          free-running 64-bit counter
 //   counter_frequency()     its ticks per second
 //   cpu_relax()             spin-wait hint
+//   fence_acquire()         earlier loads before later loads and stores
+//   fence_release()         earlier loads and stores before later stores
 //   crc32c_hw_available()   whether the CRC32C instructions may be used
 //   crc32c_u8/_u64()        one CRC32C instruction step (reflected, no inversion)
 //   frame_pointer()         the caller's frame record
@@ -46,9 +48,21 @@ namespace tovi::arch {
 // Name of the processor the library was built for.
 inline constexpr const char *kName = kProcessorName;
 
-inline const FrameRecord *frame_pointer()
+// The calling function's own frame record.
+__attribute__((always_inline)) inline const FrameRecord *frame_pointer()
 {
     return static_cast<const FrameRecord *>(__builtin_frame_address(0));
+}
+
+// The caller's record, or null where the chain ends or stops making sense:
+// records lie at increasing, aligned addresses below `stack_top`.
+inline const FrameRecord *next_frame(const FrameRecord *f, uintptr_t stack_top)
+{
+    auto next = reinterpret_cast<uintptr_t>(f->next);
+    auto here = reinterpret_cast<uintptr_t>(f);
+    if (next <= here || next % alignof(FrameRecord) != 0 || next + sizeof(FrameRecord) > stack_top)
+        return nullptr;
+    return f->next;
 }
 
 }  // namespace tovi::arch

@@ -1,0 +1,201 @@
+// Sleeping, busy delays, binding and the wait/wake-up primitives.
+// test-labels: concurrency
+// test-env: TOVI_COMPANION=user
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <pthread.h>
+#include <sched.h>
+#include <thread>
+#include <unistd.h>
+
+#include "log_capture.hpp"
+#include "tovi_sched.h"
+#include "tovi_time.h"
+
+namespace {
+
+double elapsed_ms(uint64_t since)
+{
+    return static_cast<double>(tovi_time_getnanosec() - since) / 1e6;
+}
+
+// A thread parked in tovi_wait_comm on its own word.
+class Sleeper {
+public:
+    explicit Sleeper(int64_t timeout)
+        : thread_([this, timeout] {
+              tid_.store(gettid());
+              started_ = tovi_time_getnanosec();
+              result_ = tovi_wait_comm(&word_, timeout);
+              took_ms_ = elapsed_ms(started_);
+          })
+    {
+        while (tid_.load() == 0)
+            tovi_yield();
+    }
+    ~Sleeper()
+    {
+        if (thread_.joinable())
+            thread_.join();
+    }
+    uint32_t *word() { return &word_; }
+    int32_t tid() const { return tid_.load(); }
+    int64_t join()
+    {
+        thread_.join();
+        return result_;
+    }
+    double took_ms() const { return took_ms_; }
+
+private:
+    uint32_t word_ = 1;
+    std::atomic<int32_t> tid_{0};
+    uint64_t started_ = 0;
+    int64_t result_ = -1;
+    double took_ms_ = 0;
+    std::thread thread_;
+};
+
+}  // namespace
+
+TEST(Sched, SelectSleepsSplitSecondsAndMicroseconds)
+{
+    uint64_t t = tovi_time_getnanosec();
+    tovi_msleep(1050);
+    EXPECT_GE(elapsed_ms(t), 1049.0) << "1050 ms is 1 s and 50000 us";
+    t = tovi_time_getnanosec();
+    tovi_10msleep(3);
+    EXPECT_GE(elapsed_ms(t), 29.0);
+    t = tovi_time_getnanosec();
+    tovi_usleep(20000);
+    EXPECT_GE(elapsed_ms(t), 19.0);
+    t = tovi_time_getnanosec();
+    tovi_schedule();
+    EXPECT_GE(elapsed_ms(t), 0.9);
+}
+
+TEST(Sched, WakeUpSignalEndsASelectSleepEarly)
+{
+    ASSERT_EQ(tovi_sched_init(), 0u);
+    std::atomic<int32_t> tid{0};
+    std::atomic<double> took{0};
+    std::thread sleeper([&] {
+        tid.store(gettid());
+        uint64_t t = tovi_time_getnanosec();
+        tovi_msleep(10000);
+        took.store(elapsed_ms(t));
+    });
+    while (tid.load() == 0)
+        tovi_yield();
+    tovi_msleep(50);
+    EXPECT_EQ(tovi_wake_up_process(tid.load()), 0u);
+    sleeper.join();
+    EXPECT_LT(took.load(), 5000.0);
+}
+
+TEST(Sched, WakeUpSignalIsInstalledWithRestart)
+{
+    ASSERT_EQ(tovi_sched_init(), 0u);
+    struct sigaction sa {};
+    ASSERT_EQ(sigaction(SIGRTMAX - 4, nullptr, &sa), 0);
+    EXPECT_NE(sa.sa_handler, SIG_DFL);
+    EXPECT_NE(sa.sa_handler, SIG_IGN);
+    EXPECT_TRUE(sa.sa_flags & SA_RESTART);
+}
+
+TEST(Sched, BusyDelayNeverReturnsEarly)
+{
+    uint64_t zero = tovi_mdelay(0);
+    EXPECT_GE(zero, 1u);
+    EXPECT_LT(zero, 50000000u);
+    uint64_t t = tovi_time_getnanosec();
+    uint64_t three = tovi_mdelay(3);
+    EXPECT_GT(three, 3000000u);
+    EXPECT_GE(tovi_time_getnanosec() - t, three);
+}
+
+TEST(Sched, AffinityBindsTheCallingThreadOnly)
+{
+    tovi::test::LogCapture cap;
+    long count = sysconf(_SC_NPROCESSORS_CONF);
+    EXPECT_EQ(tovi_sched_setaffinity(static_cast<uint64_t>(count)), 0xFFFFFFFFu);
+    EXPECT_EQ(cap.texts(), std::vector<std::string>{"cpu num overstep, current only has " +
+                                                     std::to_string(count) + " cpu"});
+
+    std::thread t([] {
+        ASSERT_EQ(tovi_sched_setaffinity(0), 0u);
+        cpu_set_t set;
+        ASSERT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
+        EXPECT_EQ(CPU_COUNT(&set), 1);
+        EXPECT_TRUE(CPU_ISSET(0, &set));
+    });
+    t.join();
+}
+
+TEST(Sched, WaitWithoutTimeReturnsAtOnce)
+{
+    uint32_t word = 1;
+    uint64_t t = tovi_time_getnanosec();
+    EXPECT_EQ(tovi_wait_comm(&word, 0), 0);
+    EXPECT_EQ(tovi_wait_comm(&word, -5), 0);
+    EXPECT_LT(elapsed_ms(t), 50.0);
+}
+
+TEST(Sched, WaitTimesOutAfterItsJiffies)
+{
+    uint32_t word = 1;
+    uint64_t t = tovi_time_getnanosec();
+    EXPECT_EQ(tovi_wait_comm(&word, 25), 0);
+    double took = elapsed_ms(t);
+    EXPECT_GE(took, 99.0);
+    EXPECT_LT(took, 3000.0);
+}
+
+TEST(Sched, WakeUpSignalEndsAWaitPromptly)
+{
+    Sleeper s(5 * 250);
+    tovi_msleep(30);
+    EXPECT_EQ(tovi_wake_up_process(s.tid()), 0u);
+    int64_t left = s.join();
+    EXPECT_GT(left, 0) << "woken: the jiffies left";
+    EXPECT_LE(left, 5 * 250);
+    EXPECT_LT(s.took_ms(), 2500.0);
+}
+
+TEST(Sched, ClearedWordWakesEvenBeforeTheWaitBegins)
+{
+    uint32_t word = 0;
+    uint64_t t = tovi_time_getnanosec();
+    EXPECT_NE(tovi_wait_comm(&word, 250), 0);
+    EXPECT_LT(elapsed_ms(t), 500.0);
+}
+
+TEST(Sched, ClearThenSignalNeverLosesAWakeUp)
+{
+    for (int i = 0; i < 40; ++i) {
+        Sleeper s(5 * 250);
+        if (i % 2 == 0)
+            tovi_yield();
+        __atomic_store_n(s.word(), 0, __ATOMIC_RELEASE);
+        EXPECT_EQ(tovi_wake_up_process(s.tid()), 0u);
+        EXPECT_NE(s.join(), 0);
+        EXPECT_LT(s.took_ms(), 2500.0) << "round " << i;
+    }
+}
+
+TEST(Sched, InterruptibleWaitTellsWokenFromTimedOut)
+{
+    uint32_t word = 0;
+    EXPECT_EQ(tovi_wait_interruptible(&word), 0xFFFFFFFFu);
+    word = 1;
+    uint64_t t = tovi_time_getnanosec();
+    EXPECT_EQ(tovi_wait_interruptible(&word), 0u);
+    EXPECT_GE(elapsed_ms(t), 990.0);
+}
+
+TEST(Sched, WakingAThreadThatDoesNotExistGivesErrno)
+{
+    EXPECT_EQ(tovi_wake_up_process(0x7FFFFFF0), static_cast<uint32_t>(ESRCH));
+}
