@@ -18,6 +18,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/toviConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/toviConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tovi)
 
+# The pkg-config files locate the prefix from their own folder, so the
+# installed tree can be moved.
+file(RELATIVE_PATH TOVI_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" TOVI_PC_TO_PREFIX "${TOVI_PC_TO_PREFIX}")
 foreach(pc libtovi libvrlog)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
