@@ -20,7 +20,9 @@ namespace tovi::companion {
 enum class Backend { kernel, user };
 
 // Private system call commands.
-inline constexpr uint32_t kCmdWait = 0x800;
+inline constexpr uint32_t kCmdMemTable = 0x401;  // a1: where to store the usage table's address
+inline constexpr uint32_t kCmdMemDump = 0x402;   // dump the memory statistics
+inline constexpr uint32_t kCmdWait = 0x800;      // a1: wait word, a2: jiffies in/out, a3: result
 
 Backend backend();
 const char *backend_name();

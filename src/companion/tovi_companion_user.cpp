@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "tovi_companion.hpp"
+#include "vrlog.h"
 
 namespace tovi::companion::user {
 namespace {
@@ -66,12 +67,40 @@ long wait_on_word(long a1, long a2, long a3)
     }
 }
 
+// Command 0x401: the memory usage table, one 64-bit counter per module,
+// kept in this process.
+uint64_t g_mem_usage[1024];
+
+long mem_table(long a1, long, long)
+{
+    auto **out = reinterpret_cast<uint64_t **>(a1);
+    if (out == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    *out = g_mem_usage;
+    return 0;
+}
+
+// Command 0x402: the statistics of this companion are the usage table.
+long mem_dump(long, long, long)
+{
+    for (uint32_t m = 0; m < sizeof g_mem_usage / sizeof g_mem_usage[0]; ++m) {
+        uint64_t used = __atomic_load_n(&g_mem_usage[m], __ATOMIC_ACQUIRE);  // pairs with the allocator's adds
+        if (used != 0)
+            vrlog_original("Memory of module %u: %llu bytes in use.", m, static_cast<unsigned long long>(used));
+    }
+    return 0;
+}
+
 struct Command {
     uint32_t cmd;
     Handler handler;
 };
 
 constexpr Command kCommands[] = {
+    {kCmdMemTable, mem_table},
+    {kCmdMemDump, mem_dump},
     {kCmdWait, wait_on_word},
 };
 
