@@ -11,6 +11,7 @@
 #include "tovi_jiffies.h"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
+#include "tovi_symbol.h"
 #include "tovi_time.h"
 
 namespace {
@@ -53,6 +54,7 @@ constexpr StartStep kStartSteps[] = {
     {name_modules, nullptr, false},
     {tovi_sched_init, nullptr, false},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
+    {tovi_symbol_init, nullptr, false},
 };
 
 std::mutex g_lib_mutex;
@@ -112,6 +114,7 @@ uint32_t tovi_destory(void)
         return 0;
     TOVI_LOG(kInfo, "Tovi destroy start.");
     pid_destroy_names();
+    tovi_symbol_fini();
     TOVI_LOG(kInfo, "Tovi destroy end.");
     g_lib_up.store(0, std::memory_order_release);
     return 0;
