@@ -26,6 +26,13 @@
 /* The library's own module number, for logging and the private system call. */
 #define TOVI_MODULE_ID 381u
 
+/* Node of the library's intrusive doubly linked lists; a list head is a
+ * node whose links point at itself when the list is empty. */
+typedef struct tovi_list_head_s {
+    struct tovi_list_head_s *next;
+    struct tovi_list_head_s *prev;
+} tovi_list_head_s;
+
 /* Jiffies per second. */
 #define TOVI_HZ 250u
 

@@ -9,12 +9,12 @@
 
 #include <cstdint>
 
+#include "tovi_base.h"
+
 namespace tovi::list {
 
-struct Node {
-    Node *next;
-    Node *prev;
-};
+// The public node type, so that callers' records embed the same links.
+using Node = tovi_list_head_s;
 
 inline Node *const kPoisonNext = reinterpret_cast<Node *>(uintptr_t{0x100100});
 inline Node *const kPoisonPrev = reinterpret_cast<Node *>(uintptr_t{0x200200});
