@@ -6,8 +6,13 @@
 //   cpu_relax()             spin-wait hint
 //   fence_acquire()         earlier loads before later loads and stores
 //   fence_release()         earlier loads and stores before later stores
+//   fence_full()            earlier loads and stores before later loads and stores
 //   crc32c_hw_available()   whether the CRC32C instructions may be used
 //   crc32c_u8/_u64()        one CRC32C instruction step (reflected, no inversion)
+//   crc32c_serial()         CRC32C over a buffer with the instruction alone
+//   crc32c_fold_routine()   the carry-less-multiply folding routine, or nullptr,
+//                           for kCrc32cFoldMin bytes and up
+//   crc32c_fold_routines()  every folding routine the processor can run
 //   frame_pointer()         the caller's frame record
 //   signal_context_pc/sp/fp() and register names of a signal context
 //
@@ -32,6 +37,50 @@ struct RegisterSet {
     unsigned count;
     uint64_t values[kMax];
 };
+
+// CRC32C by carry-less multiplication folds each 16-byte block d bits further
+// down the stream: block * x^d is congruent (mod P) to the block's leading 8
+// bytes times (x^(d+64) mod P) plus its trailing 8 bytes times (x^d mod P).
+// In the reflected bit order a 64x64 carry-less product comes out one bit
+// short and the 32-bit multipliers sit in the low half of their lane (that
+// is, times x^32); the exponents below absorb both.
+
+// a * b mod P for the CRC32C polynomial, both reflected (bit 31 - i holds x^i).
+constexpr uint32_t crc32c_mulmod(uint32_t a, uint32_t b)
+{
+    uint32_t r = 0;
+    for (uint32_t m = 0x80000000u; m != 0; m >>= 1) {  // b's terms from x^0 up
+        if ((b & m) != 0)
+            r ^= a;
+        a = (a & 1u) != 0 ? (a >> 1) ^ 0x82F63B78u : a >> 1;  // a *= x
+    }
+    return r;
+}
+
+// x^e mod P, reflected.
+constexpr uint32_t crc32c_xpow(uint64_t e)
+{
+    uint32_t r = 0x80000000u;
+    for (uint32_t sq = 0x40000000u; e != 0; e >>= 1, sq = crc32c_mulmod(sq, sq))
+        if ((e & 1u) != 0)
+            r = crc32c_mulmod(r, sq);
+    return r;
+}
+
+// Multipliers moving a 16-byte block d bits (d >= 64) further down the stream.
+struct Crc32cFoldKeys {
+    uint64_t lead;   // for the block's first 8 bytes
+    uint64_t trail;  // for its last 8 bytes
+};
+
+constexpr Crc32cFoldKeys crc32c_fold_keys(unsigned d)
+{
+    return {crc32c_xpow(d + 31), crc32c_xpow(d - 33)};
+}
+
+// A folding routine: CRC32C continued over n bytes, n a multiple of 16 and at
+// least kCrc32cFoldMin (both processors' headers define that bound).
+using Crc32cFold = uint32_t (*)(uint32_t crc, const uint8_t *p, uint64_t n);
 
 }  // namespace tovi::arch
 

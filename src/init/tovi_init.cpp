@@ -7,6 +7,7 @@
 
 #include <safe_str_lib.h>
 
+#include "tovi_bitop.h"
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
 #include "tovi_log.hpp"
@@ -55,6 +56,7 @@ constexpr StartStep kStartSteps[] = {
     {tovi_sched_init, nullptr, false},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
     {tovi_symbol_init, nullptr, false},
+    {tovi_crc32_init, nullptr, false},
 };
 
 std::mutex g_lib_mutex;
