@@ -13,6 +13,7 @@
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_symbol.h"
+#include "tovi_thread.h"
 #include "tovi_time.h"
 
 namespace {
@@ -53,8 +54,10 @@ constexpr StartStep kStartSteps[] = {
     {jiffies_usr_main, "Get jiffies usr addr failed.", true},
     {start_jiffies, nullptr, false},
     {name_modules, nullptr, false},
+    {tovi_thrd_setpid_accl, nullptr, false},
     {tovi_sched_init, nullptr, false},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
+    {tovi_thrd_module_init, nullptr, false},
     {tovi_symbol_init, nullptr, false},
     {tovi_crc32_init, nullptr, false},
 };

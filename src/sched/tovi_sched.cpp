@@ -11,6 +11,7 @@
 #include "tovi_companion.hpp"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
+#include "tovi_thread.h"
 #include "tovi_time.h"
 
 namespace {
@@ -115,6 +116,13 @@ uint32_t tovi_sched_setaffinity(uint64_t cpu)
         TOVI_LOG(tovi::log::kError, "set affinity fail, errno:%d", errno);
         return TOVI_ERR;
     }
+    tovi_thrd_core_set(static_cast<int32_t>(cpu));
+    return 0;
+}
+
+uint32_t tovi_set_process_name(const char *name)
+{
+    tovi_thrd_setname("%s", name);
     return 0;
 }
 

@@ -48,6 +48,9 @@ TOVI_API uint32_t tovi_wait_interruptible(uint32_t *word);
 /* Sends the wake-up signal to thread `tid` of this process. 0 or errno. */
 TOVI_API uint32_t tovi_wake_up_process(int32_t tid);
 
+/* Names the calling thread (a thread the library started). Always 0. */
+TOVI_API uint32_t tovi_set_process_name(const char *name);
+
 TOVI_EXTERN_C_END
 
 #endif
