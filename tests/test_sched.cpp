@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "log_capture.hpp"
 #include "tovi_sched.h"
@@ -198,4 +199,112 @@ TEST(Sched, InterruptibleWaitTellsWokenFromTimedOut)
 TEST(Sched, WakingAThreadThatDoesNotExistGivesErrno)
 {
     EXPECT_EQ(tovi_wake_up_process(0x7FFFFFF0), static_cast<uint32_t>(ESRCH));
+}
+
+TEST(Sched, AnUnboundedWaitSleepsUntilWoken)
+{
+    Sleeper s(INT64_MAX);
+    tovi_msleep(60);
+    __atomic_store_n(s.word(), 0, __ATOMIC_RELEASE);
+    EXPECT_EQ(tovi_wake_up_process(s.tid()), 0u);
+    EXPECT_NE(s.join(), 0);
+    EXPECT_GE(s.took_ms(), 50.0) << "a time-out too long to count must not end the wait at once";
+}
+
+namespace {
+
+size_t queued(wait_queue_head_t *head)
+{
+    size_t n = 0;
+    for (const tovi_list_head_s *p = head->task_list.next; p != &head->task_list; p = p->next)
+        ++n;
+    return n;
+}
+
+}  // namespace
+
+TEST(SchedWait, PrepareQueuesAtTheFrontOnce)
+{
+    wait_queue_head_t head;
+    __init_waitqueue_head(&head);
+    EXPECT_EQ(head.lock.magic, 0xDEAD4EADu);
+    EXPECT_EQ(head.lock.other, 0xFFFFFFFFu);
+    EXPECT_EQ(head.lock.owner, UINT64_MAX);
+    wait_queue_t a, b;
+    tovi_init_wait_entry(&a);
+    tovi_init_wait_entry(&b);
+    EXPECT_EQ(a.tid, static_cast<uint32_t>(gettid()));
+
+    EXPECT_EQ(prepare_to_wait(&head, &a), 0);
+    EXPECT_EQ(prepare_to_wait(&head, &b), 0);
+    EXPECT_EQ(head.task_list.next, &b.entry) << "newest first";
+    a.waiting = 0;
+    EXPECT_EQ(prepare_to_wait(&head, &a), 0);
+    EXPECT_EQ(a.waiting, 1u);
+    EXPECT_EQ(queued(&head), 2u) << "an entry already queued is only flagged again";
+
+    finish_wait(&head, &a);
+    EXPECT_EQ(a.waiting, 0u);
+    EXPECT_EQ(a.entry.next, &a.entry);
+    EXPECT_EQ(queued(&head), 1u);
+    finish_wait(&head, &a);  // on no queue: returns at once
+    finish_wait(&head, &b);
+    EXPECT_EQ(queued(&head), 0u);
+    __wake_up(&head);  // empty: only locks and unlocks
+    EXPECT_EQ(head.lock.lock, 0u);
+}
+
+TEST(SchedWait, WakeUpReleasesEveryWaiter)
+{
+    wait_queue_head_t head;
+    __init_waitqueue_head(&head);
+    std::atomic<bool> condition{false};
+    std::atomic<int> woken{0};
+    std::atomic<int> parked{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&] {
+            wait_queue_t w;
+            tovi_init_wait_entry(&w);
+            prepare_to_wait(&head, &w);
+            ++parked;
+            uint64_t t = tovi_time_getnanosec();
+            while (!condition.load() && elapsed_ms(t) < 5000)
+                if (sched_wait_timeout(&w, 5 * 250) != 0)
+                    break;
+            finish_wait(&head, &w);
+            woken += condition.load() ? 1 : 0;
+        });
+    while (parked.load() < 3)
+        tovi_yield();
+    condition = true;
+    uint64_t t = tovi_time_getnanosec();
+    __wake_up(&head);
+    for (auto &th : threads)
+        th.join();
+    EXPECT_EQ(woken.load(), 3);
+    EXPECT_LT(elapsed_ms(t), 2500.0);
+    EXPECT_EQ(queued(&head), 0u);
+}
+
+TEST(SchedWait, FinishWaitNeverBlocksOnTheHeadLock)
+{
+    wait_queue_head_t head;
+    __init_waitqueue_head(&head);
+    wait_queue_t w;
+    tovi_init_wait_entry(&w);
+    prepare_to_wait(&head, &w);
+    tovi_spinlock_lock(&head.lock.lock);  // a waker holds the head
+    std::atomic<bool> finished{false};
+    std::thread t([&] {
+        finish_wait(&head, &w);
+        finished = true;
+    });
+    tovi_msleep(30);
+    EXPECT_FALSE(finished.load());
+    tovi_spinlock_unlock(&head.lock.lock);
+    t.join();
+    EXPECT_TRUE(finished.load());
+    EXPECT_EQ(queued(&head), 0u);
+    EXPECT_EQ(w.waiting, 0u);
 }

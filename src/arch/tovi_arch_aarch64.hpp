@@ -34,9 +34,9 @@ inline void cpu_relax()
 }
 
 // The lock-free structures place a full barrier (dmb ish) where they need
-// acquire or release ordering between plain accesses; the lighter dmb ishld /
-// ishst forms would do, but the full barrier is the documented behaviour of
-// the platform build and is kept.
+// acquire or release ordering between plain accesses. The lighter dmb ishld /
+// ishst forms would do; the full barrier is kept on purpose, so that the
+// platform build orders exactly as it always has.
 inline void fence_acquire()
 {
     asm volatile("dmb ish" ::: "memory");

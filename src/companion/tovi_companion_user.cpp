@@ -46,7 +46,9 @@ long wait_on_word(long a1, long a2, long a3)
         errno = EFAULT;
         return -1;
     }
-    const int64_t deadline = monotonic_ns() + *timeout * kNsPerJiffy;
+    // A time-out too long to count in nanoseconds means "no limit".
+    const int64_t now = monotonic_ns();
+    const int64_t deadline = *timeout > (INT64_MAX - now) / kNsPerJiffy ? INT64_MAX : now + *timeout * kNsPerJiffy;
     for (;;) {
         int64_t left = deadline - monotonic_ns();
         if (left <= 0) {

@@ -1,0 +1,129 @@
+// Wait queues: every list change happens under the head's spin lock; the
+// waiting flag is the wait word the sleeper parks on.
+#include <cstddef>
+#include <unistd.h>
+
+#include "tovi_list.hpp"
+#include "tovi_sched.h"
+
+namespace {
+
+namespace list = tovi::list;
+
+// A waiter tests its own entry without the head's lock (finish_wait must
+// not block on it), so every link store on a queue is atomic; the lock still
+// orders the changes among themselves.
+void store_link(list::Node **field, list::Node *value)
+{
+    __atomic_store_n(field, value, __ATOMIC_RELEASE);  // pairs with queued()
+}
+
+bool queued(const wait_queue_t *wait)
+{
+    return __atomic_load_n(&wait->entry.next, __ATOMIC_ACQUIRE) != &wait->entry;
+}
+
+void link_front(list::Node *n, list::Node *head)
+{
+    list::Node *first = head->next;
+    store_link(&n->next, first);
+    store_link(&n->prev, head);
+    store_link(&first->prev, n);
+    store_link(&head->next, n);
+}
+
+// Unlinks a node and leaves it self-linked (on no queue).
+void unlink_idle(list::Node *n)
+{
+    list::Node *prev = n->prev;
+    list::Node *next = n->next;
+    store_link(&next->prev, prev);
+    store_link(&prev->next, next);
+    store_link(&n->prev, n);
+    store_link(&n->next, n);
+}
+
+void set_flag(uint32_t *flag, uint32_t value)
+{
+    __atomic_store_n(flag, value, __ATOMIC_RELEASE);  // pairs with the sleeper's acquire load of its word
+}
+
+}  // namespace
+
+extern "C" {
+
+void tovi_init_wait_entry(wait_queue_t *wait)
+{
+    wait->tid = static_cast<uint32_t>(gettid());
+    wait->waiting = 0;
+    wait->priv = nullptr;
+    list::init(&wait->entry);
+}
+
+void __init_waitqueue_head(wait_queue_head_t *head)
+{
+    head->lock = TOVI_SPINLOCK_INITIALIZER;
+    list::init(&head->task_list);
+}
+
+int prepare_to_wait(wait_queue_head_t *head, wait_queue_t *wait)
+{
+    tovi_spinlock_lock(&head->lock.lock);
+    set_flag(&wait->waiting, 1);
+    if (!queued(wait))
+        link_front(&wait->entry, &head->task_list);
+    tovi_spinlock_unlock(&head->lock.lock);
+    return 0;
+}
+
+uint32_t sched_wait(wait_queue_t *wait)
+{
+    return tovi_wait_interruptible(&wait->waiting);
+}
+
+int64_t sched_wait_timeout(wait_queue_t *wait, int64_t timeout)
+{
+    return tovi_wait_comm(&wait->waiting, timeout);
+}
+
+void __wake_up(wait_queue_head_t *head)
+{
+    tovi_spinlock_lock(&head->lock.lock);
+    list::Node *n = head->task_list.next;
+    while (n != &head->task_list) {
+        list::Node *next = n->next;
+        auto *wait = reinterpret_cast<wait_queue_t *>(reinterpret_cast<char *>(n) - offsetof(wait_queue_t, entry));
+        // The flag is cleared before the signal, so a waiter that has not
+        // parked yet does not park at all.
+        set_flag(&wait->waiting, 0);
+        tovi_wake_up_process(static_cast<int32_t>(wait->tid));
+        unlink_idle(n);
+        n = next;
+    }
+    tovi_spinlock_unlock(&head->lock.lock);
+}
+
+void finish_wait(wait_queue_head_t *head, wait_queue_t *wait)
+{
+    while (queued(wait)) {
+        if (tovi_spinlock_trylock(&head->lock.lock) == 0) {
+            tovi_usleep(10);
+            continue;
+        }
+        if (queued(wait))
+            unlink_idle(&wait->entry);
+        set_flag(&wait->waiting, 0);
+        tovi_spinlock_unlock(&head->lock.lock);
+    }
+}
+
+int autoremove_wake_function(wait_queue_t *, unsigned, int, void *)
+{
+    return 0;
+}
+
+void before_wait(void *)
+{
+}
+
+}  // extern "C"
