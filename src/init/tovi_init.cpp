@@ -15,6 +15,7 @@
 #include "tovi_symbol.h"
 #include "tovi_thread.h"
 #include "tovi_time.h"
+#include "tovi_timer.h"
 
 namespace {
 
@@ -58,6 +59,7 @@ constexpr StartStep kStartSteps[] = {
     {tovi_sched_init, nullptr, false},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
     {tovi_thrd_module_init, nullptr, false},
+    {[]() -> uint32_t { return tovi_timer_module_init() == 0 ? 0u : TOVI_ERR; }, "Tovi timer initialize failed.", true},
     {tovi_symbol_init, nullptr, false},
     {tovi_crc32_init, nullptr, false},
 };

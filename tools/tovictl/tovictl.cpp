@@ -13,7 +13,9 @@
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
 #include "tovi_sched.h"
+#include "tovi_semaphore.h"
 #include "tovi_time.h"
+#include "tovi_timer.h"
 #include "tovi_version.h"
 
 namespace {
@@ -107,6 +109,70 @@ void demo_wake_up()
                 (tovi_time_getnanosec() - t0) / 1e6);
 }
 
+struct HandOff {
+    tovi_sem_enhance_s sem;
+    std::atomic<bool> parked{false};
+    uint64_t got_ns = 0;
+};
+
+void *taker_main(void *arg)
+{
+    auto *h = static_cast<HandOff *>(arg);
+    h->parked = true;
+    tovi_sem_enhance_down(&h->sem);
+    h->got_ns = tovi_time_getnanosec();
+    return nullptr;
+}
+
+void demo_semaphore()
+{
+    std::printf("== semaphore hand-off\n");
+    HandOff h;
+    tovi_sem_enhance_init(&h.sem, 0);
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, taker_main, &h) != 0)
+        return;
+    while (!h.parked.load())
+        tovi_yield();
+    tovi_msleep(20);
+    uint64_t up = tovi_time_getnanosec();
+    tovi_sem_enhance_up(&h.sem);
+    pthread_join(thread, nullptr);
+    std::printf("up on one thread, down returned on another after %.1f us; count stays %d\n",
+                (h.got_ns - up) / 1e3, h.sem.count);
+}
+
+struct Fired {
+    std::atomic<int> count{0};
+    uint64_t due_ms[3] = {};
+    double late_ms[3] = {};
+};
+
+Fired g_fired;
+
+void on_timer(uint64_t i)
+{
+    g_fired.late_ms[i] = static_cast<double>(tovi_time_getnanosec()) / 1e6 - static_cast<double>(g_fired.due_ms[i]);
+    ++g_fired.count;
+}
+
+void demo_timers()
+{
+    std::printf("== timers\n");
+    tovi_timer timers[3];
+    const uint64_t after[3] = {10, 50, 120};
+    for (uint64_t i = 0; i < 3; ++i) {
+        tovi_timer_set(&timers[i], after[i], i, on_timer);
+        g_fired.due_ms[i] = tovi_time_getmillisec() + after[i];
+        tovi_timer_add(&timers[i]);
+    }
+    for (int waited = 0; g_fired.count.load() < 3 && waited < 2000; waited += 5)
+        tovi_msleep(5);
+    for (int i = 0; i < 3; ++i)
+        std::printf("timer of %3lu ms fired %.3f ms after its due millisecond\n",
+                    static_cast<unsigned long>(after[i]), g_fired.late_ms[i]);
+}
+
 void demo_modules()
 {
     std::printf("== module names\n");
@@ -121,6 +187,8 @@ int cmd_demo(int, char **)
     std::printf("libtovi %s, companion %s\n", TOVI_VERSION_STRING, tovi_companion_name());
     demo_clocks();
     demo_wake_up();
+    demo_semaphore();
+    demo_timers();
     demo_modules();
     tovi_destory();
     return kExitOk;
@@ -223,11 +291,22 @@ struct Command {
     int (*run)(int argc, char **argv);
 };
 
+}  // namespace
+
+int tovictl_threads(int argc, char **argv);
+int tovictl_mem(int argc, char **argv);
+int tovictl_timers(int argc, char **argv);
+
+namespace {
+
 const Command kCommands[] = {
     {"info", "info                 version, companion, clocks and module 381", cmd_info},
     {"demo", "demo                 a short tour of the library", cmd_demo},
     {"crc32c", "crc32c [-v] FILE...  CRC32C of each file (-v: and the throughput)", cmd_crc32c},
     {"crc16", "crc16 [-v] FILE...   CRC16 T10-DIF of each file (-v: and the throughput)", cmd_crc16},
+    {"threads", "threads              the library threads of a process with a few named threads and a pool", tovictl_threads},
+    {"mem", "mem                  the tracked memory of each module", tovictl_mem},
+    {"timers", "timers [-n COUNT]    the pending timers (-n: arm COUNT sample timers first)", tovictl_timers},
 };
 
 int usage(FILE *out, int code)
