@@ -16,3 +16,5 @@ run native
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run asan
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run tsan -L concurrency
 run aarch64
+echo "=== fuzz"
+scripts/fuzz.sh "${TOVI_FUZZ_SECONDS:-60}"

@@ -296,6 +296,7 @@ struct Command {
 int tovictl_threads(int argc, char **argv);
 int tovictl_mem(int argc, char **argv);
 int tovictl_timers(int argc, char **argv);
+int tovictl_cfg(int argc, char **argv);
 
 namespace {
 
@@ -307,6 +308,7 @@ const Command kCommands[] = {
     {"threads", "threads              the library threads of a process with a few named threads and a pool", tovictl_threads},
     {"mem", "mem                  the tracked memory of each module", tovictl_mem},
     {"timers", "timers [-n COUNT]    the pending timers (-n: arm COUNT sample timers first)", tovictl_timers},
+    {"cfg", "cfg VERB FILE ...     get|set|add|del|delsection|dump an ini file", tovictl_cfg},
 };
 
 int usage(FILE *out, int code)
