@@ -18,6 +18,7 @@
 #include "child.hpp"
 #include "log_capture.hpp"
 #include "tovi_lock.h"
+#include "tovi_thread.h"
 #include "tovi_lock.hpp"
 #include "tovi_symbol.h"
 #include "tovi_time.h"
@@ -736,9 +737,9 @@ TEST(TicketSpinLock, MatchesAModelOfFieldsResultsAndReports)
 
 TEST(TicketSpinLock, CachedThreadIdIsRenewedInAForkedChild)
 {
-    ASSERT_EQ(tovi::lock::kernel_tid(), gettid());
+    ASSERT_EQ(tovi_thrd_gettid_accl(), gettid());
     int status = tovi::test::run_in_child([] {
-        if (tovi::lock::kernel_tid() != getpid())
+        if (tovi_thrd_gettid_accl() != getpid())
             return 1;
         tovi_tspinlock_s l{};
         do_tovi_tspinlock_init(&l, "f", 1);

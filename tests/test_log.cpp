@@ -52,25 +52,26 @@ TEST(Log, RateLimiterAllowsThreePerWindowAndSumsUpRarely)
     EXPECT_TRUE(allow(100));
     EXPECT_TRUE(allow(200));
     EXPECT_TRUE(allow(14000));
-    EXPECT_FALSE(allow(15099));
-    EXPECT_FALSE(allow(15099));
+    EXPECT_FALSE(allow(28999));
+    EXPECT_FALSE(allow(28999));
     EXPECT_TRUE(cap.texts().empty());
 
-    // A new window: the summary comes first, then the message.
-    EXPECT_TRUE(allow(15100));
+    // A new window, 15000 jiffies after the last message printed: the
+    // summary comes first, then the message.
+    EXPECT_TRUE(allow(29000));
     EXPECT_EQ(cap.texts(), (Texts{"print: 2 messages suppressed.site_fn,line=10."}));
     EXPECT_EQ(cap.records()[0].level, 3u);
 
     // Held back again, but the next summary waits 150000 jiffies.
     cap.clear();
-    EXPECT_TRUE(allow(15101));
-    EXPECT_TRUE(allow(15102));
-    EXPECT_FALSE(allow(15103));
-    EXPECT_TRUE(allow(30100));
-    EXPECT_FALSE(allow(30101) && allow(30102) && allow(30103));
+    EXPECT_TRUE(allow(29001));
+    EXPECT_TRUE(allow(29002));
+    EXPECT_FALSE(allow(29003));
+    EXPECT_TRUE(allow(44002));
+    EXPECT_FALSE(allow(44003) && allow(44004) && allow(44005));
     EXPECT_TRUE(cap.texts().empty());
 
-    EXPECT_TRUE(allow(165100));
+    EXPECT_TRUE(allow(179000));
     EXPECT_EQ(cap.texts(), (Texts{"print: 2 messages suppressed.site_fn,line=10."}));
 }
 

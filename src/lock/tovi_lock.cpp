@@ -15,6 +15,7 @@
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_symbol.h"
+#include "tovi_thread.h"
 #include "tovi_time.h"
 
 // The ticket reader-writer lock splits its 64-bit words into the two 32-bit
@@ -34,28 +35,6 @@ constexpr uintptr_t kFallbackStackBytes = 4096;
 constexpr size_t kSymbolText = 64;
 
 uint64_t g_spinlock_flags;  // TOVI_SPINLOCK_DEBUG_LONGWAIT
-
-// ---- kernel thread id of the caller ----
-
-__attribute__((tls_model("initial-exec"))) thread_local int32_t t_kernel_tid;
-pthread_once_t g_atfork_once = PTHREAD_ONCE_INIT;
-
-void forget_tid_in_child()
-{
-    t_kernel_tid = 0;  // the child's only thread has a new id
-}
-
-void watch_fork()
-{
-    pthread_atfork(nullptr, nullptr, forget_tid_in_child);
-}
-
-__attribute__((noinline, cold)) int32_t fetch_kernel_tid()
-{
-    pthread_once(&g_atfork_once, watch_fork);
-    t_kernel_tid = static_cast<int32_t>(gettid());
-    return t_kernel_tid;
-}
 
 // ---- plain spin lock ----
 
@@ -192,17 +171,6 @@ uint64_t add_halves(uint64_t *word, uint32_t add_low, uint32_t add_high)
 
 }  // namespace
 
-namespace tovi::lock {
-
-int32_t kernel_tid()
-{
-    int32_t tid = t_kernel_tid;
-    if (tid == 0) [[unlikely]]
-        tid = fetch_kernel_tid();
-    return tid;
-}
-
-}  // namespace tovi::lock
 
 extern "C" {
 
@@ -279,7 +247,7 @@ __attribute__((noinline)) void debug_dump_stack(uint32_t skip)
     char text[3][kSymbolText];
     for (unsigned i = 0; i < 3; ++i)
         tovi_symbol_addr_to_string(reinterpret_cast<uintptr_t>(address[i]), text[i], sizeof text[i]);
-    vrlog_original("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).", tovi::lock::kernel_tid(), address[0],
+    vrlog_original("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).", tovi_thrd_gettid_accl(), address[0],
                    text[0], address[1], text[1], address[2], text[2]);
 }
 
@@ -365,7 +333,7 @@ void do_tovi_tspinlock_init(tovi_tspinlock_s *lock, const char *func, uint32_t l
 
 void do_tovi_tspinlock_lock(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi::lock::kernel_tid()));
+    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
     // Acquire-release: tickets are handed out in one total order.
@@ -381,7 +349,7 @@ void do_tovi_tspinlock_lock(tovi_tspinlock_s *lock, const char *func, uint32_t l
 
 uint32_t do_tovi_tspinlock_trylock(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi::lock::kernel_tid()));
+    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
     for (;;) {
@@ -399,7 +367,7 @@ uint32_t do_tovi_tspinlock_trylock(tovi_tspinlock_s *lock, const char *func, uin
 
 void do_tovi_tspinlock_unlock(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi::lock::kernel_tid()));
+    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
     if (__atomic_load_n(&lock->magic, __ATOMIC_RELAXED) != TOVI_TSPINLOCK_MAGIC ||
         __atomic_load_n(&lock->owner, __ATOMIC_RELAXED) != me) [[unlikely]]
         tspin_unlock_reports(lock, me, func, line);

@@ -1,15 +1,10 @@
-// Internal helpers of the lock module: the caller's cached kernel thread id
-// and the releases of the reader-writer spin lock, which the library does not
-// export but uses itself.
+// Internal helpers of the lock module: the releases of the reader-writer spin
+// lock, which the library does not export but uses itself.
 #pragma once
 
 #include <cstdint>
 
 namespace tovi::lock {
-
-// The calling thread's kernel thread id, read once per thread (and again in
-// a child after fork).
-int32_t kernel_tid();
 
 // Drops one reader: compare-and-swap loop whose store releases the reader's
 // critical section to the writer that later sees the word reach 0.

@@ -18,7 +18,8 @@ bool ratelimit_allow(RateSite &site, uint64_t now, unsigned level, const char *f
         site.missed.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
-    if (!site.started || now - site.window_start >= kWindow) {
+    // A window lasts kWindow jiffies from the last message printed.
+    if (!site.started || now - site.last_printed >= kWindow) {
         uint32_t missed = site.missed.load(std::memory_order_relaxed);
         if (missed != 0 && (!site.summarised || now - site.last_summary >= kSummaryInterval)) {
             vrlog(TOVI_MODULE_ID, level, file, static_cast<unsigned>(line), func, 0,
@@ -28,14 +29,15 @@ bool ratelimit_allow(RateSite &site, uint64_t now, unsigned level, const char *f
             site.summarised = true;
         }
         site.started = true;
-        site.window_start = now;
         site.printed = 0;
     }
     bool allow = site.printed < kBurst;
-    if (allow)
+    if (allow) {
         ++site.printed;
-    else
+        site.last_printed = now;
+    } else {
         site.missed.fetch_add(1, std::memory_order_relaxed);
+    }
     site.busy.store(false, std::memory_order_release);
     return allow;
 }

@@ -33,14 +33,14 @@ consteval Stem make_stem(const char *path)
     return stem;
 }
 
-// One message site of the shared rate limiter: at most kBurst messages in
-// kWindow jiffies; what is held back is summed up at most once per
+// One message site of the shared rate limiter: at most kBurst messages
+// within kWindow jiffies of the last one printed; what is held back is summed up at most once per
 // kSummaryInterval jiffies. The site is claimed with a try-lock so that a
 // contended site never blocks: the loser counts itself as suppressed.
 struct RateSite {
     std::atomic<bool> busy{false};
     std::atomic<uint32_t> missed{0};
-    uint64_t window_start = 0;
+    uint64_t last_printed = 0;
     uint64_t last_summary = 0;
     uint32_t printed = 0;
     bool started = false;

@@ -5,6 +5,7 @@
 
 #include "tovi_list.hpp"
 #include "tovi_sched.h"
+#include "tovi_thread.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ extern "C" {
 
 void tovi_init_wait_entry(wait_queue_t *wait)
 {
-    wait->tid = static_cast<uint32_t>(gettid());
+    wait->tid = static_cast<uint32_t>(tovi_thrd_gettid_accl());
     wait->waiting = 0;
     wait->priv = nullptr;
     list::init(&wait->entry);

@@ -7,6 +7,7 @@
 #include "tovi_list.hpp"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
+#include "tovi_thread.h"
 #include "tovi_semaphore.h"
 
 namespace {
@@ -42,7 +43,7 @@ void unlock(tovi_sem_enhance_s *sem, const char *label)
 // Entered and left with the lock held and the count below 1.
 int32_t down_common(tovi_sem_enhance_s *sem, Sleep state, int64_t timeout)
 {
-    Waiter w{{}, static_cast<uint32_t>(gettid()), 1};
+    Waiter w{{}, static_cast<uint32_t>(tovi_thrd_gettid_accl()), 1};
     list::add_tail(&w.node, &sem->waiters);
     for (;;) {
         unlock(sem, "down_common_inner");

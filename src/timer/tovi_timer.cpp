@@ -111,6 +111,22 @@ void *timer_thread(void *arg)
     return nullptr;
 }
 
+// The argument checks of both deletes; `sync` also waits for a running callback.
+int delete_checked(tovi_timer *timer, bool sync)
+{
+    if (timer == nullptr) {
+        TOVI_LOG(kError, "Input timer is null.");
+        return -1;
+    }
+    if (is_hr(timer))
+        return hr_unavailable(sync ? "delete_sync" : "delete");
+    if (!inited()) {
+        TOVI_LOG(kError, "tovi timer is not inited.");
+        return -1;
+    }
+    return tovi::timer::remove(g_root, timer, sync, now_ms());
+}
+
 }  // namespace
 
 extern "C" {
@@ -209,32 +225,12 @@ int tovi_timer_modify(tovi_timer *timer, uint64_t timeOut)
 
 int tovi_timer_delete(tovi_timer *timer)
 {
-    if (timer == nullptr) {
-        TOVI_LOG(kError, "Input timer is null.");
-        return -1;
-    }
-    if (is_hr(timer))
-        return hr_unavailable("delete");
-    if (!inited()) {
-        TOVI_LOG(kError, "tovi timer is not inited.");
-        return -1;
-    }
-    return tovi::timer::remove(g_root, timer, false, now_ms());
+    return delete_checked(timer, false);
 }
 
 int tovi_timer_delete_sync(tovi_timer *timer)
 {
-    if (timer == nullptr) {
-        TOVI_LOG(kError, "Input timer is null.");
-        return -1;
-    }
-    if (is_hr(timer))
-        return hr_unavailable("delete_sync");
-    if (!inited()) {
-        TOVI_LOG(kError, "tovi timer is not inited.");
-        return -1;
-    }
-    return tovi::timer::remove(g_root, timer, true, now_ms());
+    return delete_checked(timer, true);
 }
 
 int tovi_timer_destroy(tovi_timer *timer)
