@@ -32,6 +32,13 @@ TOVI_API uint64_t tovi_time_getmillisec(void);
  * and stores it in currCpuGHz. */
 TOVI_API void tovi_estimate_tsc_freq(void);
 
+/* Sets currCpuGHz from the processor description: the speed at the end of
+ * the model line ("... @ 2.40GHz"), or the estimate above when the model
+ * line names none. TOVI_ERR (logged) when the processor has no constant
+ * counter ("constant_tsc") or the description cannot be read. Not called
+ * by start-up. */
+TOVI_API uint32_t tovi_get_tsc_freq(void);
+
 TOVI_EXTERN_C_END
 
 #endif
