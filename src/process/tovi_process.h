@@ -107,7 +107,8 @@ TOVI_API int __wrap_system(const char *cmd);
 
 /* Runs a program with the argument vector argv (argv[0] included,
  * NULL-terminated) and no shell, so no character of any argument has a
- * special meaning. A path without '/' is looked up in PATH. Standard
+ * special meaning. A path without '/' is looked up in PATH (else
+ * "/bin:/usr/bin"), before the child is started. Standard
  * input, output and error are the caller's. With timeout_ms above 0 the
  * child leads a process group of its own and, if it has not ended in time,
  * that group is killed with SIGKILL and reaped. Stores the raw wait status

@@ -17,8 +17,11 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <safe_str_lib.h>
 
 #include "tovi_process.h"
 #include "tovi_process.hpp"
@@ -125,6 +128,38 @@ int wait_bounded(pid_t pid, uint32_t timeout_ms, int *status)
     }
 }
 
+// The program a path names: itself when it holds '/', else the first
+// executable file of that name in PATH. Resolved here rather than left to
+// the spawn so that a missing program is reported the same way everywhere
+// (an emulator that turns vfork into fork cannot report a failed exec).
+int resolve_program(const char *path, char (&out)[PATH_MAX])
+{
+    if (std::strchr(path, '/') != nullptr) {
+        if (access(path, X_OK) != 0)
+            return errno;
+        return snprintf_s(out, sizeof out, "%s", path) < 0 ? ENAMETOOLONG : 0;
+    }
+    const char *dirs = std::getenv("PATH");
+    if (dirs == nullptr || *dirs == '\0')
+        dirs = "/bin:/usr/bin";
+    int err = ENOENT;
+    for (const char *d = dirs;; ++d) {
+        const char *end = std::strchr(d, ':');
+        size_t len = end != nullptr ? static_cast<size_t>(end - d) : std::strlen(d);
+        // An empty entry is the current directory.
+        if (snprintf_s(out, sizeof out, "%.*s%s%s", static_cast<int>(len), d, len != 0 ? "/" : "", path) >= 0) {
+            struct stat st;
+            if (access(out, X_OK) == 0 && stat(out, &st) == 0 && S_ISREG(st.st_mode))
+                return 0;
+            if (errno == EACCES)
+                err = EACCES;
+        }
+        if (end == nullptr)
+            return err;
+        d = end;
+    }
+}
+
 }  // namespace
 
 const char *choose_shell(const char *sh_target, bool have_bash)
@@ -177,9 +212,11 @@ int32_t tovi_spawn_argv(const char *path, char *const argv[], uint32_t timeout_m
     posix_spawnattr_setflags(&attr, flags);
     posix_spawnattr_setsigdefault(&attr, &all);
     posix_spawnattr_setsigmask(&attr, &none);
+    char found[PATH_MAX];
+    int err = tovi::process::resolve_program(path, found);
     pid_t pid = -1;
-    int err = std::strchr(path, '/') != nullptr ? posix_spawn(&pid, path, nullptr, &attr, argv, environ)
-                                                : posix_spawnp(&pid, path, nullptr, &attr, argv, environ);
+    if (err == 0)
+        err = posix_spawn(&pid, found, nullptr, &attr, argv, environ);
     posix_spawnattr_destroy(&attr);
     if (err != 0)
         return -err;
