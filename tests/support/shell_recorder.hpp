@@ -1,13 +1,13 @@
-// A fake shell for the command runners: it records every command that
-// reaches the point of starting a shell and starts nothing. A command may be
-// given canned output (written to the pipe of a read stream), an exit
-// status, or made to fail to start.
+// A fake shell for the command runners: it records each command that gets
+// as far as starting a shell and starts nothing. A command may be given
+// output (written to a read stream's pipe) or a raw wait status; one that
+// contains a `fail_to_start` text cannot start.
 #pragma once
 
 #include <cerrno>
+#include <dirent.h>
 #include <map>
 #include <string>
-#include <sys/types.h>
 #include <unistd.h>
 #include <vector>
 
@@ -17,61 +17,41 @@ namespace tovi::test {
 
 class ShellRecorder {
 public:
-    ShellRecorder()
-    {
-        current() = this;
-        tovi::process::set_launcher(&kLauncher);
-    }
-    ~ShellRecorder()
-    {
-        tovi::process::set_launcher(nullptr);
-        current() = nullptr;
-    }
-    ShellRecorder(const ShellRecorder &) = delete;
-    ShellRecorder &operator=(const ShellRecorder &) = delete;
-
-    std::vector<std::string> commands;          // in order
-    std::map<std::string, std::string> output;  // printed by a read stream's command
-    std::map<std::string, int> status;          // raw wait status, 0 when not named
-    std::vector<std::string> fail_to_start;     // substrings of commands that cannot start
+    ShellRecorder() { self() = this, tovi::process::set_launcher(&kLauncher); }
+    ~ShellRecorder() { tovi::process::set_launcher(nullptr); }
+    std::vector<std::string> commands, fail_to_start;
+    std::map<std::string, std::string> output;
+    std::map<std::string, int> status;
 
 private:
-    static ShellRecorder *&current()
+    std::vector<std::string> started_;  // by fake pid, kept when a test clears `commands`
+    static ShellRecorder *&self()
     {
-        static ShellRecorder *self = nullptr;
-        return self;
+        static ShellRecorder *current = nullptr;
+        return current;
     }
-
     static pid_t start(const char *cmd, int child_fd, int target_fd, int)
     {
-        ShellRecorder *self = current();
-        std::string c(cmd);
-        for (const std::string &f : self->fail_to_start)
-            if (c.find(f) != std::string::npos) {
-                errno = EAGAIN;
-                return -1;
-            }
-        self->commands.push_back(c);
-        auto out = self->output.find(c);
-        if (child_fd >= 0 && target_fd == STDOUT_FILENO && out != self->output.end())
-            (void)!write(child_fd, out->second.data(), out->second.size());
-        self->pending_.push_back(c);
-        return static_cast<pid_t>(1000000 + self->pending_.size());
+        for (const std::string &f : self()->fail_to_start)
+            if (std::string(cmd).find(f) != std::string::npos)
+                return errno = EAGAIN, -1;
+        self()->commands.emplace_back(cmd), self()->started_.emplace_back(cmd);
+        if (const std::string &out = self()->output[cmd]; target_fd == STDOUT_FILENO)
+            (void)!write(child_fd, out.data(), out.size());
+        return static_cast<pid_t>(999999 + self()->started_.size());  // no process of ours
     }
-
-    static int wait(pid_t pid, int *st)
-    {
-        ShellRecorder *self = current();
-        size_t i = static_cast<size_t>(pid - 1000000 - 1);
-        if (i >= self->pending_.size())
-            return -1;
-        auto s = self->status.find(self->pending_[i]);
-        *st = s == self->status.end() ? 0 : s->second;
-        return 0;
-    }
-
+    static int wait(pid_t pid, int *st) { return *st = self()->status[self()->started_.at(pid - 1000000u)], 0; }
     static constexpr tovi::process::Launcher kLauncher{start, wait};
-    std::vector<std::string> pending_;
 };
+
+// Descriptors open in this process.
+inline int open_fds()
+{
+    int n = -1;  // the directory's own
+    DIR *d = opendir("/proc/self/fd");
+    while (dirent *e = readdir(d))
+        n += e->d_name[0] != '.';
+    return closedir(d), n;
+}
 
 }  // namespace tovi::test
