@@ -1,51 +1,36 @@
 #include "io_faults.hpp"
 
-#include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
+// Armed with n: the n-th call from now fails, once. The calls come from the
+// test's own thread only (the library's edits are synchronous).
 struct Fault {
-    std::atomic<unsigned> left{0};  // calls to let pass + 1; 0 disarmed
+    unsigned left = 0;
     int err = 0;
 
-    void arm(unsigned nth, int e)
-    {
-        err = e;
-        left.store(nth, std::memory_order_release);
-    }
-
-    // True when this call is the one to fail.
     bool hit()
     {
-        unsigned n = left.load(std::memory_order_acquire);
-        while (n != 0 && !left.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
-        }
-        return n == 1;
+        if (left == 0 || --left != 0)
+            return false;
+        errno = err;
+        return true;
     }
 };
 
-Fault g_read;
-Fault g_fsync;
-Fault g_rename;
-dev_t g_read_dev;
-ino_t g_read_ino;
-std::atomic<unsigned> g_fsyncs{0};
+Fault g_read, g_fsync, g_rename;
+struct stat g_read_file;
+unsigned g_fsyncs;
 
 template <typename Fn>
-Fn next(const char *name)
+Fn real(const char *name)
 {
     return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
 }
-
-using ReadFn = ssize_t (*)(int, void *, size_t);
-using FsyncFn = int (*)(int);
-using RenameFn = int (*)(const char *, const char *);
-
 
 }  // namespace
 
@@ -53,35 +38,29 @@ namespace tovi::test {
 
 void fail_read(const std::string &path, unsigned nth, int err)
 {
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0)
-        return;
-    g_read_dev = st.st_dev;
-    g_read_ino = st.st_ino;
-    g_read.arm(nth, err);
+    if (stat(path.c_str(), &g_read_file) == 0)
+        g_read = {nth, err};
 }
 
 void fail_fsync(unsigned nth, int err)
 {
-    g_fsync.arm(nth, err);
+    g_fsync = {nth, err};
 }
 
 void fail_rename(unsigned nth, int err)
 {
-    g_rename.arm(nth, err);
+    g_rename = {nth, err};
 }
 
 void clear_faults()
 {
-    g_read.left = 0;
-    g_fsync.left = 0;
-    g_rename.left = 0;
+    g_read = g_fsync = g_rename = {};
     g_fsyncs = 0;
 }
 
 unsigned fsync_calls()
 {
-    return g_fsyncs.load();
+    return g_fsyncs;
 }
 
 }  // namespace tovi::test
@@ -90,35 +69,25 @@ extern "C" {
 
 ssize_t read(int fd, void *buf, size_t n)
 {
+    static const auto next = real<ssize_t (*)(int, void *, size_t)>("read");
     struct stat st {};
-    if (g_read.left.load(std::memory_order_acquire) != 0 && fstat(fd, &st) == 0 && st.st_dev == g_read_dev &&
-        st.st_ino == g_read_ino && g_read.hit()) {
-        errno = g_read.err;
+    if (g_read.left != 0 && fstat(fd, &st) == 0 && st.st_dev == g_read_file.st_dev &&
+        st.st_ino == g_read_file.st_ino && g_read.hit())
         return -1;
-    }
-    static const auto real = next<ReadFn>("read");
-    return real(fd, buf, n);
+    return next(fd, buf, n);
 }
 
 int fsync(int fd)
 {
-    g_fsyncs.fetch_add(1);
-    if (g_fsync.hit()) {
-        errno = g_fsync.err;
-        return -1;
-    }
-    static const auto real = next<FsyncFn>("fsync");
-    return real(fd);
+    static const auto next = real<int (*)(int)>("fsync");
+    ++g_fsyncs;
+    return g_fsync.hit() ? -1 : next(fd);
 }
 
 int rename(const char *from, const char *to)
 {
-    if (g_rename.hit()) {
-        errno = g_rename.err;
-        return -1;
-    }
-    static const auto real = next<RenameFn>("rename");
-    return real(from, to);
+    static const auto next = real<int (*)(const char *, const char *)>("rename");
+    return g_rename.hit() ? -1 : next(from, to);
 }
 
 }  // extern "C"
