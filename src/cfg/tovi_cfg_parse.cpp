@@ -261,15 +261,16 @@ bool LineReader::fill()
             end_ += static_cast<size_t>(n);
             return true;
         }
-        if (n == 0)
-            break;
+        if (n == 0) {
+            eof_ = true;
+            return true;
+        }
         if (errno == EINTR)
             continue;
         // Never taken for the end: an edit would drop the rest of the file.
         TOVI_LOG(log::kError, "Read file (%s) failed, errno %d.", shown(path_), errno);
         return false;
     }
-    eof_ = true;
     return true;
 }
 
