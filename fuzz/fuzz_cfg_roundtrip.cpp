@@ -2,7 +2,10 @@
 // input) is parsed, a script of edits (taken from the input's end) is
 // applied both to the node and to a plain model of it, and the two must
 // agree on every result and on the written form, which must parse back to
-// itself. One edit in ten also goes through the file editors on disk.
+// itself. One edit in ten also goes through the file editors on disk. One
+// input in eight is also written as it is, and the first edit is made on that
+// copy: it either succeeds, leaving the edited file's written form, or
+// leaves the copy byte for byte as it was.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -119,6 +122,22 @@ std::string slurp(const std::string &path)
     return s.str();
 }
 
+// The input as it is on disk, one edit through the file editors.
+void edit_copy(const std::string &text, fuzz::Model model, const Op &op, const std::vector<std::string> &sections,
+               const std::vector<std::string> &keys)
+{
+    std::string copy = g_dir + "/copy.ini";
+    std::ofstream(copy, std::ios::binary | std::ios::trunc) << text;
+    std::string sec = pick(op.sec, sections, kSections);
+    std::string key = pick(op.key, keys, kKeys);
+    std::string val = kValues[op.value % (sizeof kValues / sizeof kValues[0])];
+    int32_t expected = apply_model(model, op.kind, sec, key, val);
+    int32_t got = apply_file(copy, op.kind, sec, key, val);
+    std::string after = slurp(copy);
+    if (got != expected || after != (got == 0 ? fuzz::render(model) : text))
+        abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -130,6 +149,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     g_dir = tmpl;
     std::atexit([] {
         unlink((g_dir + "/edit.ini").c_str());
+        unlink((g_dir + "/copy.ini").c_str());
         rmdir(g_dir.c_str());
     });
     return 0;
@@ -143,6 +163,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         op = Op{in.ConsumeIntegralInRange<unsigned>(0, 3), in.ConsumeIntegral<uint8_t>() % 16u,
                 in.ConsumeIntegral<uint8_t>() % 16u, in.ConsumeIntegral<uint8_t>()};
     bool on_disk = in.ConsumeIntegralInRange<unsigned>(0, 9) == 0;
+    bool raw_copy = in.ConsumeIntegralInRange<unsigned>(0, 7) == 0;
     std::string text = in.ConsumeRemainingBytesAsString();
 
     CfgFileNode *node = fuzz::parse(text);
@@ -157,6 +178,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (on_disk) {
         std::ofstream(path, std::ios::binary | std::ios::trunc) << fuzz::render(model);
     }
+    if (raw_copy && !ops.empty())
+        edit_copy(text, model, ops.front(), sections, keys);
     for (const Op &op : ops) {
         std::string sec = pick(op.sec, sections, kSections);
         std::string key = pick(op.key, keys, kKeys);

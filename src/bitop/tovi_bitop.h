@@ -8,6 +8,11 @@
  *
  * The atomic bit operations change one byte atomically but order nothing
  * around them: a caller that publishes data through a bit orders it itself.
+ *
+ * The bit operations and the four find_* searches do not check their bitmap
+ * for NULL, as the kernel's do not: they sit on hot paths and a NULL bitmap
+ * is a caller's bug. The tovi_bitop_* searches, the reads and the checksums
+ * do check (see each).
  */
 #ifndef TOVI_BITOP_H
 #define TOVI_BITOP_H

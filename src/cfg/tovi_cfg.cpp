@@ -90,6 +90,19 @@ CfgFileNode *find_file(const char *path)
     return nullptr;
 }
 
+CfgFileNode *swap_file_node(CfgFileNode *node)
+{
+    global_write_lock();
+    CfgFileNode *old = find_file(node->acFileName);
+    if (old != nullptr) {
+        node->uiRefCnt = old->uiRefCnt;
+        unlink_node(&old->stList);
+        list::add(&node->stList, file_list());
+    }
+    global_write_unlock();
+    return old;
+}
+
 int32_t library_setting(const char *item, char *buf, uint32_t size)
 {
     static pthread_once_t loaded = PTHREAD_ONCE_INIT;
@@ -315,16 +328,9 @@ int32_t tovi_cfg_updateFileNode(CfgFileNode *pNode)
 {
     if (pNode == nullptr)
         return -1;
-    cfg::global_write_lock();
-    CfgFileNode *old = cfg::find_file(pNode->acFileName);
-    if (old == nullptr) {
-        cfg::global_write_unlock();
+    CfgFileNode *old = cfg::swap_file_node(pNode);
+    if (old == nullptr)
         return -1;
-    }
-    pNode->uiRefCnt = old->uiRefCnt;
-    cfg::unlink_node(&old->stList);
-    list::add(&pNode->stList, cfg::file_list());
-    cfg::global_write_unlock();
     cfg::free_file_node_locked(old);
     return 0;
 }

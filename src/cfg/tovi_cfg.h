@@ -9,7 +9,15 @@
  * permission bits, owner and group), flush it and rename it over the file,
  * all under an exclusive advisory lock on the real file, and refresh the
  * cache when that file is loaded. tovi_cfg_write_item_to_file instead
- * rewrites the file in place.
+ * rewrites the file in place and flushes it before it succeeds.
+ *
+ * Hostile files: only regular files are read or edited (a device, FIFO,
+ * socket or directory is refused with -1, untouched, and nothing blocks on
+ * it); a file larger than TOVI_CFG_FILE_MAX bytes is refused; a read error
+ * fails the parse or the edit. An edit of a symbolic link edits the file it
+ * points to (resolved once; the link stays). When an edit fails at any step
+ * the file on disk is left as it was and the loaded copy, if any, agrees
+ * with it.
  *
  * What the parser accepts, one record a line:
  *   - carriage returns are dropped everywhere; a line of more than
@@ -44,6 +52,7 @@ TOVI_EXTERN_C_BEGIN
 #define TOVI_CFG_NAME_MAX 64u          /* section and item names, NUL included */
 #define TOVI_CFG_VALUE_MAX 4194304u    /* item value, NUL included */
 #define TOVI_CFG_LINE_MAX 4194369u     /* bytes of one line; longer lines are split */
+#define TOVI_CFG_FILE_MAX 268435456u  /* bytes of a file; larger ones are refused */
 #define TOVI_CFG_RESULT_VALUE_MAX 256u /* value in a CfgItemResult, NUL included */
 #define TOVI_CFG_ERR_BUFSIZE (-10000)
 

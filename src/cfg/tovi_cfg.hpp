@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <sys/types.h>
 
 #include "tovi_cfg.h"
 #include "tovi_list.hpp"
@@ -25,6 +26,13 @@ void fail_allocation(uint32_t nth);
 
 #define CFG_MALLOC(size) ::tovi::cfg::alloc((size), __func__, __LINE__)
 
+// Opens a configuration file without blocking on a FIFO, then checks the
+// descriptor: a regular file of at most TOVI_CFG_FILE_MAX bytes, opened
+// blocking again. -1 (logged, naming the file) otherwise; nothing is changed.
+int open_regular(const char *path, int flags, mode_t mode = 0);
+// The same checks on a descriptor already open. 0 or -1 (logged).
+int check_regular(int fd, const char *path);
+
 inline constexpr uint32_t kHeaderMax = 65;                       // "[" name "]"
 inline constexpr uint32_t kRenderSlack = 4194432;                // a full item and a header
 inline constexpr int32_t kContinue = 1;                          // parse callback: go on
@@ -37,24 +45,27 @@ inline constexpr int32_t kContinue = 1;                          // parse callba
 // parser's serve the tests.
 class LineReader {
 public:
-    LineReader(int fd, size_t block = 64 * 1024, size_t line_max = TOVI_CFG_LINE_MAX);
+    // `path` names the file in the log when a read fails.
+    LineReader(int fd, size_t block = 64 * 1024, size_t line_max = TOVI_CFG_LINE_MAX, const char *path = nullptr);
     ~LineReader();
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
 
     // Allocates the block buffer. False (logged) when there is no memory.
     bool start();
-    // 1 with a line, 0 at end of file (or a read error), -1 when the buffer
-    // for a long line cannot be had.
+    // 1 with a line, 0 at end of file, -1 (logged) on a read error (EINTR is
+    // retried), after TOVI_CFG_FILE_MAX bytes, or when the buffer for a long
+    // line cannot be had.
     int next(char **line, size_t *len);
     // Whether a NUL byte was read so far (lines then end at their first NUL).
     bool may_hold_nul() const { return has_nul_; }
 
 private:
-    void fill();
+    bool fill();  // false on a read error or an overlong file (logged)
     int long_line(char **line, size_t *len);
 
     int fd_;
+    const char *path_;
     size_t block_;
     size_t line_max_;
     char *buf_ = nullptr;  // block_ + 1 bytes
@@ -62,6 +73,7 @@ private:
     size_t pos_ = 0;       // first unread byte
     size_t end_ = 0;       // end of the data read
     size_t scanned_ = 0;   // bytes after pos_ known to hold no line feed
+    uint64_t total_ = 0;   // bytes read so far
     bool eof_ = false;
     bool has_cr_ = false;   // a carriage return was read
     bool has_nul_ = false;  // a NUL byte was read
@@ -73,9 +85,15 @@ private:
 using ParseCallback = int32_t (*)(CfgFileNode *node, const char *section, CfgItemNode *item, void *ctx);
 
 // Runs the line parser over the descriptor from its current offset to its
-// end. 0 at end of file, -1 when the line buffer cannot be had, or the
-// callback's stopping result. The descriptor's offset afterwards is unspecified.
-int32_t tovi_cfg_ini_fd_parse(int fd, CfgFileNode *node, ParseCallback callback, void *ctx);
+// end. 0 at end of file, -1 on a read error (logged with `path`) or when the
+// line buffer cannot be had, or the callback's stopping result. The
+// descriptor's offset afterwards is unspecified.
+int32_t tovi_cfg_ini_fd_parse(int fd, CfgFileNode *node, ParseCallback callback, void *ctx,
+                              const char *path = nullptr);
+
+// Parses a descriptor (from offset 0) into a new node named `name`; NULL on
+// any failure, nothing left allocated.
+CfgFileNode *parse_fd_node(int fd, const char *name, ParseCallback callback, void *ctx);
 
 // Parses a file into a new node (its write lock held meanwhile); NULL on
 // any failure, nothing left allocated.
@@ -162,10 +180,14 @@ void unlink_node(list::Node *n);
 // The whole text of a node as written to a file: sum of "[%s]\n" and "%s=%s\n".
 size_t rendered_size(const CfgFileNode *node);
 
-// ---- Global list (callers hold g_stCfgRwlock) ----
+// ---- Global list (callers hold g_stCfgRwlock unless said otherwise) ----
 
 list::Node *file_list();
 CfgFileNode *find_file(const char *path);
+// Puts `node` in the list in place of the loaded node of its path (taking
+// its reference count) and returns that node unlinked, not freed; NULL, and
+// `node` left out, when its path is not loaded. Takes g_stCfgRwlock.
+CfgFileNode *swap_file_node(CfgFileNode *node);
 
 // ---- The library's own settings ----
 

@@ -12,6 +12,8 @@
 // refuses the edit before any byte is overwritten.
 #include <cerrno>
 #include <cstring>
+#include <climits>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -74,10 +76,11 @@ void unlock_file(int fd)
         TOVI_LOG(log::kInfo, "Down flock failed, errno = %d", errno);
 }
 
-// Makes a rename durable: flushes the directory that holds the path.
-void sync_parent(const char *path)
+// Makes a rename durable: flushes the directory that holds the path. False
+// (logged) when the flush fails; a directory that cannot be opened is let be.
+bool sync_parent(const char *path)
 {
-    char dir[TOVI_CFG_PATH_MAX];
+    char dir[PATH_MAX];
     const char *slash = std::strrchr(path, '/');
     if (slash == nullptr) {
         dir[0] = '.';
@@ -85,15 +88,18 @@ void sync_parent(const char *path)
     } else {
         size_t n = slash == path ? 1 : static_cast<size_t>(slash - path);
         if (n >= sizeof dir)
-            return;
+            return true;
         std::memcpy(dir, path, n);
         dir[n] = '\0';
     }
     int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        (void)fsync(fd);
-        close(fd);
-    }
+    if (fd < 0)
+        return true;
+    bool ok = fsync(fd) == 0;
+    if (!ok)
+        TOVI_LOG(log::kError, "Fsync directory(%s) failed, errno(%d).", dir, errno);
+    close(fd);
+    return ok;
 }
 
 bool write_all(int fd, const char *p, size_t n)
@@ -108,6 +114,43 @@ bool write_all(int fd, const char *p, size_t n)
         n -= static_cast<size_t>(w);
     }
     return true;
+}
+
+// After a rename whose directory flush failed: the file's former content
+// (still readable through `orig`, the replaced inode) goes back in place the
+// same way. False (logged) when that fails too.
+bool put_back(int orig, const char *target)
+{
+    char *name = nullptr;
+    int fd = tovi_cfg_create_tmpfile(target, orig, &name);
+    if (fd < 0)
+        return false;
+    char block[16384];
+    bool ok = true;
+    for (off_t at = 0;;) {
+        ssize_t n = pread(orig, block, sizeof block, at);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            ok = n == 0;
+            break;
+        }
+        if (!write_all(fd, block, static_cast<size_t>(n))) {
+            ok = false;
+            break;
+        }
+        at += n;
+    }
+    ok = ok && fsync(fd) == 0 && rename(name, target) == 0;
+    if (!ok) {
+        TOVI_LOG(log::kError, "Restore file(%s) failed, errno(%d).", target, errno);
+        (void)unlink(name);
+    } else {
+        (void)sync_parent(target);
+    }
+    close(fd);
+    TOVI_FREE(name);
+    return ok;
 }
 
 char *render(CfgFileNode *node, char *w)
@@ -144,7 +187,7 @@ enum class Edit { add, set, del_item, del_section };
 int32_t edit_file(const char *path, const char *section, const char *item, const char *value,
                   tovi_cfg_node_proc_f proc, Edit edit)
 {
-    int fd = open(path, O_RDWR | O_CLOEXEC);
+    int fd = open_regular(path, O_RDWR);
     if (fd < 0) {
         if (edit == Edit::set)
             TOVI_LOG(log::kError, "open file<%s> failed, errno<%d>", path, errno);
@@ -461,12 +504,24 @@ int32_t tovi_cfg_file_writeOperate(int32_t iFd, const CfgEditParam *pParam, tovi
         return -1;
     }
     const char *path = pParam->pFile;
-    int lock_fd = cfg::lock_current(iFd, path, 0);
+    if (cfg::check_regular(iFd, path) != 0)
+        return -1;
+    // A symbolic link stays a link: the file it points to is edited, and
+    // resolved once so that every step below works on the same file.
+    char *target = realpath(path, nullptr);
+    if (target == nullptr) {
+        TOVI_LOG(log::kError, "Resolve file(%s) failed, errno(%d).", path, errno);
+        return -1;
+    }
+    int lock_fd = cfg::lock_current(iFd, target, 0);
     int32_t ret = -1;
     int tmp_fd = -1;
     char *tmp_name = nullptr;
+    CfgFileNode *old = nullptr;  // the loaded node the edit replaced, kept until the file is durable
     cfg::LoadCache cache{};
-    CfgFileNode *node = cfg::tovi_cfg_ini_file_parse(path, cfg::tovi_cfg_file_proc, &cache);
+    CfgFileNode *node = nullptr;
+    if (lock_fd == iFd || cfg::check_regular(lock_fd, target) == 0)
+        node = cfg::parse_fd_node(lock_fd, path, cfg::tovi_cfg_file_proc, &cache);
     if (node != nullptr && cache.dropped) {
         // An item the loader had to leave out would vanish from the file.
         cfg::free_file_node(node);
@@ -481,7 +536,7 @@ int32_t tovi_cfg_file_writeOperate(int32_t iFd, const CfgEditParam *pParam, tovi
         TOVI_LOG(log::kError, "Exec v_pfnProc(%s) failed.", path);
         goto out;
     }
-    tmp_fd = tovi_cfg_create_tmpfile(path, lock_fd, &tmp_name);
+    tmp_fd = tovi_cfg_create_tmpfile(target, lock_fd, &tmp_name);
     if (tmp_fd < 0) {
         cfg::free_file_node(node);
         goto out;
@@ -491,21 +546,37 @@ int32_t tovi_cfg_file_writeOperate(int32_t iFd, const CfgEditParam *pParam, tovi
         TOVI_LOG(log::kError, "Write node file(%s) failed.", path);
         goto drop_tmp;
     }
-    // The cache is refreshed first, then the file is made durable and renamed.
-    if (tovi_cfg_updateFileNode(node) != 0)
+    // The cache is refreshed first (readers see the new value at once), then
+    // the file is made durable and renamed; a failure from here on puts the
+    // loaded node back, so that cache and disk agree.
+    old = cfg::swap_file_node(node);
+    if (old == nullptr)
         cfg::free_file_node(node);
     if (fsync(tmp_fd) != 0) {
         TOVI_LOG(log::kError, "Fsync file(%s) failed, errno(%d).", tmp_name, errno);
-        goto drop_tmp;
+        goto restore;
     }
-    if (rename(tmp_name, path) != 0) {
-        TOVI_LOG(log::kError, "Rename file(%s) to (%s) failed, errno(%d).", tmp_name, path, errno);
-        goto drop_tmp;
+    if (rename(tmp_name, target) != 0) {
+        TOVI_LOG(log::kError, "Rename file(%s) to (%s) failed, errno(%d).", tmp_name, target, errno);
+        goto restore;
     }
-    cfg::sync_parent(path);
+    if (!cfg::sync_parent(target)) {
+        (void)cfg::put_back(lock_fd, target);
+        goto restore_cache;
+    }
+    if (old != nullptr)
+        cfg::free_file_node_locked(old);
     ret = 0;
     goto close_tmp;
 
+restore:
+    (void)unlink(tmp_name);
+restore_cache:
+    if (old != nullptr) {
+        CfgFileNode *edited = cfg::swap_file_node(old);
+        cfg::free_file_node_locked(edited != nullptr ? edited : old);
+    }
+    goto close_tmp;
 drop_tmp:
     (void)unlink(tmp_name);
 close_tmp:
@@ -515,6 +586,7 @@ out:
     cfg::unlock_file(lock_fd);
     if (lock_fd != iFd)
         close(lock_fd);
+    std::free(target);
     return ret;
 }
 
@@ -587,7 +659,7 @@ int32_t tovi_cfg_write_item_to_file(const char *pFile, const char *pSection, con
         TOVI_FREE(param.pItemValue);
         return -1;
     }
-    int fd = open(pFile, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int fd = cfg::open_regular(pFile, O_RDWR | O_CREAT, 0600);
     if (fd < 0) {
         TOVI_LOG(log::kError, "Open file (%s) fail,errno %d", pFile, errno);
         TOVI_FREE(param.pItemValue);
@@ -595,7 +667,7 @@ int32_t tovi_cfg_write_item_to_file(const char *pFile, const char *pSection, con
     }
     int lock_fd = cfg::lock_current(fd, pFile, O_CREAT);
     int32_t result = -1;
-    off_t size = lseek(lock_fd, 0, SEEK_END);
+    off_t size = lock_fd == fd || cfg::check_regular(lock_fd, pFile) == 0 ? lseek(lock_fd, 0, SEEK_END) : -1;
     if (size < 0 || lseek(lock_fd, 0, SEEK_SET) != 0) {
         TOVI_LOG(log::kInfo, "Can't get file size.");
     } else if (static_cast<uint64_t>(size) >= UINT32_MAX - cfg::kRenderSlack - 64 ||
@@ -603,7 +675,7 @@ int32_t tovi_cfg_write_item_to_file(const char *pFile, const char *pSection, con
         TOVI_LOG(log::kInfo, "Alloc memory Size: (%d) failed.", static_cast<int>(size + cfg::kRenderSlack));
     } else {
         param.bufSize = static_cast<uint32_t>(size) + cfg::kRenderSlack;
-        result = cfg::tovi_cfg_ini_fd_parse(lock_fd, nullptr, cfg::tovi_write_item_func, &param);
+        result = cfg::tovi_cfg_ini_fd_parse(lock_fd, nullptr, cfg::tovi_write_item_func, &param, pFile);
         if (result == 0 && param.uiWritten == 0) {
             // Never met: added at the end of its section, or in a new one at the end.
             if (param.bufIndex >= param.bufSize) {
@@ -616,6 +688,10 @@ int32_t tovi_cfg_write_item_to_file(const char *pFile, const char *pSection, con
         }
         if (result == 0)
             result = cfg::rewrite_in_place(lock_fd, &param);
+        if (result == 0 && fsync(lock_fd) != 0) {
+            TOVI_LOG(log::kError, "Fsync file(%s) failed, errno(%d).", pFile, errno);
+            result = -1;
+        }
         TOVI_FREE(param.pBuffer);
     }
     cfg::unlock_file(lock_fd);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <safe_mem_lib.h>
@@ -163,11 +164,60 @@ bool append(CfgWriteParam *p, const char *section, const char *key, const char *
 
 constexpr int32_t kFormatFailed = 22;
 
+const char *shown(const char *path)
+{
+    return path != nullptr ? path : "";
+}
+
 }  // namespace
+
+int check_regular(int fd, const char *path)
+{
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        TOVI_LOG(log::kError, "Stat file (%s) failed, errno %d", shown(path), errno);
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        TOVI_LOG(log::kError, "Config file (%s) is not a regular file, mode 0%o.", shown(path),
+                 static_cast<unsigned>(st.st_mode));
+        return -1;
+    }
+    if (static_cast<uint64_t>(st.st_size) > TOVI_CFG_FILE_MAX) {
+        TOVI_LOG(log::kError, "Config file (%s) is too large, size %lld limit %u.", shown(path),
+                 static_cast<long long>(st.st_size), TOVI_CFG_FILE_MAX);
+        return -1;
+    }
+    return 0;
+}
+
+int open_regular(const char *path, int flags, mode_t mode)
+{
+    // Non-blocking first: opening a FIFO with no writer must not wait.
+    int fd = open(path, flags | O_NONBLOCK | O_CLOEXEC, mode);
+    if (fd < 0)
+        return fd;
+    if (check_regular(fd, path) != 0) {
+        close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    int fl = fcntl(fd, F_GETFL);
+    if (fl < 0 || fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0) {
+        int err = errno;
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
 
 // ---- LineReader ----
 
-LineReader::LineReader(int fd, size_t block, size_t line_max) : fd_(fd), block_(block), line_max_(line_max) {}
+LineReader::LineReader(int fd, size_t block, size_t line_max, const char *path)
+    : fd_(fd), path_(path), block_(block), line_max_(line_max)
+{
+}
 
 LineReader::~LineReader()
 {
@@ -188,7 +238,7 @@ bool LineReader::start()
     return true;
 }
 
-void LineReader::fill()
+bool LineReader::fill()
 {
     if (pos_ > 0) {
         std::memmove(buf_, buf_ + pos_, end_ - pos_);
@@ -197,6 +247,11 @@ void LineReader::fill()
     }
     while (end_ < block_) {
         ssize_t n = read(fd_, buf_ + end_, block_ - end_);
+        if (n > 0 && (total_ += static_cast<uint64_t>(n)) > TOVI_CFG_FILE_MAX) {
+            // A file that grows while it is read, or never ends.
+            TOVI_LOG(log::kError, "Read file (%s) failed, more than %u bytes.", shown(path_), TOVI_CFG_FILE_MAX);
+            return false;
+        }
         if (n > 0) {
             // Most files hold neither: their lines then need no second look.
             if (!has_cr_ && std::memchr(buf_ + end_, '\r', static_cast<size_t>(n)) != nullptr)
@@ -204,13 +259,19 @@ void LineReader::fill()
             if (!has_nul_ && std::memchr(buf_ + end_, '\0', static_cast<size_t>(n)) != nullptr)
                 has_nul_ = true;
             end_ += static_cast<size_t>(n);
-            return;
+            return true;
         }
-        if (n < 0 && errno == EINTR)
+        if (n == 0) {
+            eof_ = true;
+            return true;
+        }
+        if (errno == EINTR)
             continue;
-        eof_ = true;  // a read error ends the file as the line reader does
-        return;
+        // Never taken for the end: an edit would drop the rest of the file.
+        TOVI_LOG(log::kError, "Read file (%s) failed, errno %d.", shown(path_), errno);
+        return false;
     }
+    return true;
 }
 
 int LineReader::next(char **line, size_t *len)
@@ -246,7 +307,8 @@ int LineReader::next(char **line, size_t *len)
             scanned_ = 0;
             return long_line(line, len);
         }
-        fill();
+        if (!fill())
+            return -1;
     }
 }
 
@@ -266,7 +328,8 @@ int LineReader::long_line(char **line, size_t *len)
     while (!done) {
         if (pos_ == end_) {
             pos_ = end_ = 0;
-            fill();
+            if (!fill())
+                return -1;
             if (end_ == 0)
                 break;  // end of file
         }
@@ -302,9 +365,9 @@ int LineReader::long_line(char **line, size_t *len)
 
 // ---- Parser ----
 
-int32_t tovi_cfg_ini_fd_parse(int fd, CfgFileNode *node, ParseCallback callback, void *ctx)
+int32_t tovi_cfg_ini_fd_parse(int fd, CfgFileNode *node, ParseCallback callback, void *ctx, const char *path)
 {
-    LineReader reader(fd);
+    LineReader reader(fd, 64 * 1024, TOVI_CFG_LINE_MAX, path);
     if (!reader.start())
         return -1;
     char section[TOVI_CFG_NAME_MAX] = "NULL";
@@ -332,19 +395,23 @@ CfgFileNode *tovi_cfg_ini_file_parse(const char *path, ParseCallback callback, v
         TOVI_LOG(log::kError, "File name length too long.");
         return nullptr;
     }
-    CfgFileNode *node = new_file_node(path);
+    int fd = open_regular(path, O_RDONLY);
+    if (fd < 0) {
+        TOVI_LOG(log::kError, "Open file (%s) failed, fd %d errno %d", path, fd, errno);
+        return nullptr;
+    }
+    CfgFileNode *node = parse_fd_node(fd, path, callback, ctx);
+    close(fd);
+    return node;
+}
+
+CfgFileNode *parse_fd_node(int fd, const char *name, ParseCallback callback, void *ctx)
+{
+    CfgFileNode *node = new_file_node(name);
     if (node == nullptr)
         return nullptr;
     tovi_rwlock_write_lock_mayblock(&node->llRwlock);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        TOVI_LOG(log::kError, "Open file (%s) failed, fd %d errno %d", path, fd, errno);
-        lock::rwlock_write_unlock(&node->llRwlock);
-        free_file_node(node);
-        return nullptr;
-    }
-    int32_t ret = tovi_cfg_ini_fd_parse(fd, node, callback, ctx);
-    close(fd);
+    int32_t ret = lseek(fd, 0, SEEK_SET) == 0 ? tovi_cfg_ini_fd_parse(fd, node, callback, ctx, name) : -1;
     lock::rwlock_write_unlock(&node->llRwlock);
     if (ret != 0) {
         free_file_node(node);

@@ -161,6 +161,10 @@ int tovi_ratelimit_set(const char *group, unsigned int interval_ms, unsigned int
 uint32_t tovi_mtx_init(pthread_mutex_t *mutex, uint32_t kind)
 {
     static const int kTypes[] = {PTHREAD_MUTEX_NORMAL, PTHREAD_MUTEX_ERRORCHECK, PTHREAD_MUTEX_RECURSIVE};
+    if (mutex == nullptr) {
+        TOVI_LOG(kError, "Mutex is NULL in %s.", __func__);
+        return TOVI_ERR;
+    }
     if (kind >= sizeof kTypes / sizeof kTypes[0])
         return TOVI_ERR;
     pthread_mutexattr_t attr;
@@ -173,6 +177,10 @@ uint32_t tovi_mtx_init(pthread_mutex_t *mutex, uint32_t kind)
 
 int tovi_mtx_destroy(pthread_mutex_t *mutex)
 {
+    if (mutex == nullptr) {
+        TOVI_LOG(kError, "Mutex is NULL in %s.", __func__);
+        return -1;
+    }
     return pthread_mutex_destroy(mutex);
 }
 

@@ -25,6 +25,7 @@ static_assert(sizeof(tovi_tspinlock_s) == 24 && sizeof(tovi_trwlock_s) == 24);
 
 namespace {
 
+using tovi::log::kError;
 using tovi::log::kInfo;
 
 constexpr uint64_t kSpinPeriodNs = 99999;  // a spin period ends past this
@@ -169,6 +170,12 @@ uint64_t add_halves(uint64_t *word, uint32_t add_low, uint32_t add_high)
     return old;
 }
 
+// A NULL lock is refused (logged) instead of dereferenced.
+[[gnu::cold, gnu::noinline]] void null_lock(const char *func)
+{
+    TOVI_LOG(kError, "Lock is NULL in %s.", func);
+}
+
 }  // namespace
 
 
@@ -178,6 +185,8 @@ extern "C" {
 
 void do_tovi_spinlock_lock(uint64_t *lock, const char *, uint32_t)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     if (spin_try(lock)) [[likely]]
         return;
     spin_slowpath(lock);
@@ -188,11 +197,15 @@ void do_tovi_spinlock_lock(uint64_t *lock, const char *, uint32_t)
 
 uint32_t do_tovi_spinlock_trylock(uint64_t *lock, const char *, uint32_t)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__), 0;
     return spin_try(lock) ? 1 : 0;
 }
 
 void do_tovi_spinlock_unlock(uint64_t *lock, const char *, uint32_t)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     uint64_t expected = 1;
     // Release pairs with the acquiring swap of the next holder; a free lock
     // fails the comparison and stays as it is.
@@ -215,6 +228,8 @@ uint32_t tovi_spinlock_clear_flags(uint64_t mask)
 
 uint32_t tovi_spinlock_get_flags(uint64_t *flags)
 {
+    if (flags == nullptr) [[unlikely]]
+        return null_lock(__func__), TOVI_ERR;
     *flags = __atomic_load_n(&g_spinlock_flags, __ATOMIC_RELAXED);
     return 0;
 }
@@ -255,6 +270,8 @@ __attribute__((noinline)) void debug_dump_stack(uint32_t skip)
 
 void tovi_rwlock_read_lock(int64_t *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     for (;;) {
         int64_t word = __atomic_load_n(lock, __ATOMIC_RELAXED);
         if (word < 0) {
@@ -269,6 +286,8 @@ void tovi_rwlock_read_lock(int64_t *lock)
 
 uint8_t tovi_rwlock_try_read_lock(int64_t *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__), 0;
     for (;;) {
         int64_t word = __atomic_load_n(lock, __ATOMIC_RELAXED);
         if (word < 0)
@@ -281,6 +300,8 @@ uint8_t tovi_rwlock_try_read_lock(int64_t *lock)
 
 void tovi_rwlock_write_lock(int64_t *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     for (;;) {
         while (__atomic_load_n(lock, __ATOMIC_RELAXED) != 0)
             tovi::arch::cpu_relax();
@@ -294,6 +315,8 @@ void tovi_rwlock_write_lock(int64_t *lock)
 
 void tovi_rwlock_read_lock_mayblock(int64_t *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     for (;;) {
         for (unsigned i = 0; i < kMayblockAttempts; ++i)
             if (tovi_rwlock_try_read_lock(lock) != 0)
@@ -304,6 +327,8 @@ void tovi_rwlock_read_lock_mayblock(int64_t *lock)
 
 void tovi_rwlock_write_lock_mayblock(int64_t *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     for (;;) {
         for (unsigned i = 0; i < kMayblockAttempts; ++i) {
             // Load-acquire and a weak (exclusive) store: a spurious failure
@@ -322,6 +347,8 @@ void tovi_rwlock_write_lock_mayblock(int64_t *lock)
 
 void do_tovi_tspinlock_init(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     if (__atomic_load_n(&lock->magic, __ATOMIC_RELAXED) == TOVI_TSPINLOCK_MAGIC)
         TSPIN_REPORT("ReInited lock", func, line, lock);
     __atomic_store_n(&lock->serving, 0u, __ATOMIC_RELAXED);
@@ -333,6 +360,8 @@ void do_tovi_tspinlock_init(tovi_tspinlock_s *lock, const char *func, uint32_t l
 
 void do_tovi_tspinlock_lock(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
@@ -349,6 +378,8 @@ void do_tovi_tspinlock_lock(tovi_tspinlock_s *lock, const char *func, uint32_t l
 
 uint32_t do_tovi_tspinlock_trylock(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__), 0;
     const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
@@ -367,6 +398,8 @@ uint32_t do_tovi_tspinlock_trylock(tovi_tspinlock_s *lock, const char *func, uin
 
 void do_tovi_tspinlock_unlock(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
     if (__atomic_load_n(&lock->magic, __ATOMIC_RELAXED) != TOVI_TSPINLOCK_MAGIC ||
         __atomic_load_n(&lock->owner, __ATOMIC_RELAXED) != me) [[unlikely]]
@@ -382,6 +415,8 @@ void do_tovi_tspinlock_unlock(tovi_tspinlock_s *lock, const char *func, uint32_t
 
 void do_tovi_tspinlock_destroy(tovi_tspinlock_s *lock, const char *func, uint32_t line)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     if (__atomic_load_n(&lock->magic, __ATOMIC_RELAXED) != TOVI_TSPINLOCK_MAGIC)
         TSPIN_REPORT("UnInited lock", func, line, lock);
     __atomic_store_n(&lock->magic, TOVI_TSPINLOCK_DESTROYED, __ATOMIC_RELAXED);
@@ -391,6 +426,8 @@ void do_tovi_tspinlock_destroy(tovi_tspinlock_s *lock, const char *func, uint32_
 
 void do_tovi_trwlock_init(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     __atomic_store_n(&lock->serving, 0u, __ATOMIC_RELAXED);
     __atomic_store_n(&lock->tickets, 0u, __ATOMIC_RELAXED);
     __atomic_store_n(&lock->reserved, 0u, __ATOMIC_RELAXED);
@@ -398,6 +435,8 @@ void do_tovi_trwlock_init(tovi_trwlock_s *lock)
 
 void do_tovi_trwlock_read_lock(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     // A reader ticket: tickets + 1, writers unchanged.
     const uint32_t writers_before = high_half(add_halves(&lock->tickets, 1, 0));
     // In once every earlier writer has left (read-serving caught up).
@@ -406,11 +445,15 @@ void do_tovi_trwlock_read_lock(tovi_trwlock_s *lock)
 
 void do_tovi_trwlock_read_unlock(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     add_halves(&lock->serving, 1, 0);
 }
 
 uint32_t do_tovi_trwlock_read_trylock(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__), 0;
     uint64_t tickets = __atomic_load_n(&lock->tickets, __ATOMIC_RELAXED);
     for (;;) {
         // Acquire pairs with the last writer's releasing add to serving.
@@ -425,6 +468,8 @@ uint32_t do_tovi_trwlock_read_trylock(tovi_trwlock_s *lock)
 
 void do_tovi_trwlock_write_lock(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     // A writer ticket: tickets + 1 and writers + 1.
     const uint32_t ticket = low_half(add_halves(&lock->tickets, 1, 1));
     // In once every earlier reader and writer has left.
@@ -433,11 +478,15 @@ void do_tovi_trwlock_write_lock(tovi_trwlock_s *lock)
 
 void do_tovi_trwlock_write_unlock(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
     add_halves(&lock->serving, 1, 1);
 }
 
 uint32_t do_tovi_trwlock_write_trylock(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__), 0;
     uint64_t tickets = __atomic_load_n(&lock->tickets, __ATOMIC_RELAXED);
     for (;;) {
         // Acquire pairs with the last holder's releasing add to serving.
@@ -451,8 +500,10 @@ uint32_t do_tovi_trwlock_write_trylock(tovi_trwlock_s *lock)
     }
 }
 
-void do_tovi_trwlock_destroy(tovi_trwlock_s *)
+void do_tovi_trwlock_destroy(tovi_trwlock_s *lock)
 {
+    if (lock == nullptr) [[unlikely]]
+        return null_lock(__func__);
 }
 
 }  // extern "C"

@@ -16,7 +16,8 @@
  * None of them sleeps in the kernel while spinning except the plain spin
  * lock (after 100 us) and the may-block reader-writer variants (1 us after
  * every 10 failed attempts). Callers use the macros at the end, which pass
- * the calling function's name and line.
+ * the calling function's name and line. A NULL lock is refused with a
+ * level-3 line: nothing is locked, a trylock returns 0.
  */
 #ifndef TOVI_LOCK_H
 #define TOVI_LOCK_H

@@ -70,8 +70,11 @@ void *tovi_mallocsubstandard(uint32_t module, uint32_t size, uint32_t reserved, 
     if (size == 0)
         return nullptr;
     uint32_t type = 0;
-    void *block = tovi_mallocsubproc(size + static_cast<uint32_t>(sizeof(tovi_mem_head_s)), &type, reserved,
-                                     module, func);
+    // In 64 bits: a size near 4 GiB must not wrap to a tiny block.
+    uint64_t total = uint64_t{size} + sizeof(tovi_mem_head_s);
+    void *block = total <= UINT32_MAX
+                      ? tovi_mallocsubproc(static_cast<uint32_t>(total), &type, reserved, module, func)
+                      : nullptr;
     if (block == nullptr) {
         TOVI_LOG(tovi::log::kError, "Malloc memory fails. PID: (%d), size: (%d), type: (%d).",
                  static_cast<int>(module), static_cast<int>(size), static_cast<int>(type));
@@ -107,6 +110,10 @@ void tovi_freesub(void *ptr, const char *func, uint32_t line)
 
 void tovi_mem_init_head(tovi_mem_head_s *head, uint32_t size, uint32_t module)
 {
+    if (head == nullptr) {
+        TOVI_LOG(tovi::log::kError, "Memory head is NULL.");
+        return;
+    }
     head->magic = TOVI_MEM_MAGIC;
     head->size = size;
     head->pid = module;

@@ -12,6 +12,10 @@ extern "C" {
 
 uint32_t tovi_pthread_init_once(pthread_once_t *once, void (*routine)(void))
 {
+    if (once == nullptr || routine == nullptr) {
+        TOVI_LOG(kError, "param(once or routine) is null !\n");
+        return TOVI_ERR;
+    }
     int ret = pthread_once(once, routine);
     if (ret != 0)
         TOVI_LOG(kError, "pthread_once failed!\n");
@@ -20,6 +24,10 @@ uint32_t tovi_pthread_init_once(pthread_once_t *once, void (*routine)(void))
 
 uint32_t tovi_key_create(pthread_key_t *key, void (*destructor)(void *))
 {
+    if (key == nullptr) {
+        TOVI_LOG(kError, "param(key) is null !\n");
+        return TOVI_ERR;
+    }
     int ret = pthread_key_create(key, destructor);
     if (ret != 0)
         TOVI_LOG(kError, "pthread_key_create failed!\n");

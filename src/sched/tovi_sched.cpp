@@ -122,6 +122,10 @@ uint32_t tovi_sched_setaffinity(uint64_t cpu)
 
 uint32_t tovi_set_process_name(const char *name)
 {
+    if (name == nullptr) {
+        TOVI_LOG(tovi::log::kError, "Process name is NULL.");
+        return TOVI_ERR;
+    }
     tovi_thrd_setname("%s", name);
     return 0;
 }
@@ -138,6 +142,10 @@ uint32_t tovi_sched_init(void)
 
 int64_t tovi_wait_comm(uint32_t *word, int64_t timeout)
 {
+    if (word == nullptr) {
+        TOVI_LOG(tovi::log::kError, "Wait word is NULL.");
+        return -1;
+    }
     if (g_must_install.load(std::memory_order_acquire) != 0)
         install_wakeup_signal();
     if (timeout <= 0)

@@ -43,7 +43,7 @@ TOVI_API uint32_t tovi_sched_init(void);
 
 /* Sleeps on *word for at most `timeout` jiffies. 0 when the time ran out
  * (or the time-out is not above 0); non-zero when woken early, by the word
- * becoming 0 or by the wake-up signal. */
+ * becoming 0 or by the wake-up signal; -1 (logged) for a NULL word. */
 TOVI_API int64_t tovi_wait_comm(uint32_t *word, int64_t timeout);
 
 /* tovi_wait_comm(word, 250): 0xFFFFFFFF when woken within the second, 0
@@ -57,7 +57,8 @@ TOVI_API uint32_t tovi_wake_up_process(int32_t tid);
  * The caller's pattern: fill the entry's tid, prepare_to_wait, test its own
  * condition, sched_wait or sched_wait_timeout when it is not met, then
  * finish_wait. Every waiter is woken by __wake_up; there are no exclusive
- * waiters. */
+ * waiters. A NULL head or entry is refused with a level-3 line (-1 or
+ * 0xFFFFFFFF by the result's type, nothing done where there is none). */
 
 typedef struct tovi_wait_queue_head_s {
     tovi_spinlock_s lock;

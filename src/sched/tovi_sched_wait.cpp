@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "tovi_list.hpp"
+#include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_thread.h"
 
@@ -49,12 +50,23 @@ void set_flag(uint32_t *flag, uint32_t value)
     __atomic_store_n(flag, value, __ATOMIC_RELEASE);  // pairs with the sleeper's acquire load of its word
 }
 
+// A NULL head or entry is refused (logged) instead of dereferenced.
+bool null_arg(const void *a, const void *b, const char *func)
+{
+    if (a != nullptr && b != nullptr)
+        return false;
+    TOVI_LOG(tovi::log::kError, "Wait queue param is NULL in %s.", func);
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
 
 void tovi_init_wait_entry(wait_queue_t *wait)
 {
+    if (null_arg(wait, wait, __func__))
+        return;
     wait->tid = static_cast<uint32_t>(tovi_thrd_gettid_accl());
     wait->waiting = 0;
     wait->priv = nullptr;
@@ -63,12 +75,16 @@ void tovi_init_wait_entry(wait_queue_t *wait)
 
 void __init_waitqueue_head(wait_queue_head_t *head)
 {
+    if (null_arg(head, head, __func__))
+        return;
     head->lock = TOVI_SPINLOCK_INITIALIZER;
     list::init(&head->task_list);
 }
 
 int prepare_to_wait(wait_queue_head_t *head, wait_queue_t *wait)
 {
+    if (null_arg(head, wait, __func__))
+        return -1;
     tovi_spinlock_lock(&head->lock.lock);
     set_flag(&wait->waiting, 1);
     if (!queued(wait))
@@ -79,16 +95,22 @@ int prepare_to_wait(wait_queue_head_t *head, wait_queue_t *wait)
 
 uint32_t sched_wait(wait_queue_t *wait)
 {
+    if (null_arg(wait, wait, __func__))
+        return TOVI_ERR;
     return tovi_wait_interruptible(&wait->waiting);
 }
 
 int64_t sched_wait_timeout(wait_queue_t *wait, int64_t timeout)
 {
+    if (null_arg(wait, wait, __func__))
+        return -1;
     return tovi_wait_comm(&wait->waiting, timeout);
 }
 
 void __wake_up(wait_queue_head_t *head)
 {
+    if (null_arg(head, head, __func__))
+        return;
     tovi_spinlock_lock(&head->lock.lock);
     list::Node *n = head->task_list.next;
     while (n != &head->task_list) {
@@ -106,6 +128,8 @@ void __wake_up(wait_queue_head_t *head)
 
 void finish_wait(wait_queue_head_t *head, wait_queue_t *wait)
 {
+    if (null_arg(head, wait, __func__))
+        return;
     while (queued(wait)) {
         if (tovi_spinlock_trylock(&head->lock.lock) == 0) {
             tovi_usleep(10);

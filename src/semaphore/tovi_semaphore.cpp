@@ -1,6 +1,7 @@
 // Enhanced semaphores. The waiter list and the waiters' flags change only
 // under the semaphore's spin lock; a sleeper reads its flag after relocking.
 #include <cerrno>
+#include <cstdint>
 #include <cstddef>
 #include <unistd.h>
 
@@ -83,12 +84,29 @@ int32_t down(tovi_sem_enhance_s *sem, Sleep state, int64_t timeout)
         TOVI_LOG(tovi::log::kInfo, fmt, __VA_ARGS__);                                         \
     } while (0)
 
+// A NULL semaphore is refused (logged) instead of dereferenced.
+bool null_sem(const tovi_sem_enhance_s *sem, const char *func)
+{
+    if (sem != nullptr)
+        return false;
+    TOVI_LOG(tovi::log::kError, "Sem is NULL in %s.", func);
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
 
 int32_t tovi_sem_enhance_init(tovi_sem_enhance_s *sem, uint32_t count)
 {
+    if (null_sem(sem, __func__))
+        return -1;
+    if (count > INT32_MAX) {
+        // Stored as is the count would turn negative and every down would sleep.
+        TOVI_LOG(tovi::log::kError, "Sem(%p) count(%u) is larger than %d, set to %d.", static_cast<void *>(sem),
+                 count, INT32_MAX, INT32_MAX);
+        count = INT32_MAX;
+    }
     sem->lock = TOVI_SPINLOCK_INITIALIZER;
     sem->count = static_cast<int32_t>(count);
     list::init(&sem->waiters);
@@ -97,21 +115,29 @@ int32_t tovi_sem_enhance_init(tovi_sem_enhance_s *sem, uint32_t count)
 
 void tovi_sem_enhance_down(tovi_sem_enhance_s *sem)
 {
+    if (null_sem(sem, __func__))
+        return;
     down(sem, Sleep::uninterruptible, kForever);
 }
 
 int32_t tovi_sem_enhance_down_interruptible(tovi_sem_enhance_s *sem)
 {
+    if (null_sem(sem, __func__))
+        return -1;
     return down(sem, Sleep::interruptible, kForever);
 }
 
 int32_t tovi_sem_enhance_down_timeout(tovi_sem_enhance_s *sem, int64_t ms)
 {
+    if (null_sem(sem, __func__))
+        return -1;
     return down(sem, Sleep::interruptible, ms / 4);
 }
 
 int32_t tovi_sem_enhance_up(tovi_sem_enhance_s *sem)
 {
+    if (null_sem(sem, __func__))
+        return -1;
     lock(sem, __func__);
     if (list::empty(&sem->waiters)) {
         ++sem->count;
@@ -148,6 +174,8 @@ int32_t tovi_sem_enhance_destroy(tovi_sem_enhance_s *)
 
 void tovi_sem_enhance_show(tovi_sem_enhance_s *sem)
 {
+    if (null_sem(sem, __func__))
+        return;
     lock(sem, __func__);
     TOVI_LOG(tovi::log::kInfo, "TBKOMI:sem %p cnt %d", static_cast<void *>(sem), sem->count);
     for (list::Node *n = sem->waiters.next; n != &sem->waiters; n = n->next) {

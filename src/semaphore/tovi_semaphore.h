@@ -2,6 +2,8 @@
  * Enhanced semaphores: counting semaphores whose up hands its unit directly
  * to the first waiter (waiters are served first come, first served). A
  * waiter parks on a wait word of its own and is woken by the wake-up signal.
+ * A NULL semaphore is refused with a level-3 line: -1 where the call has a
+ * result, nothing done where it has none.
  */
 #ifndef TOVI_SEMAPHORE_H
 #define TOVI_SEMAPHORE_H
@@ -20,7 +22,8 @@ typedef struct tovi_sem_enhance_s {
     tovi_list_head_s waiters; /* oldest first */
 } tovi_sem_enhance_s;
 
-/* Sets the count and empties the waiter list. 0. */
+/* Sets the count and empties the waiter list. 0 (a count above INT32_MAX is
+ * stored as INT32_MAX, logged). */
 TOVI_API int32_t tovi_sem_enhance_init(tovi_sem_enhance_s *sem, uint32_t count);
 
 /* Takes one unit, sleeping as long as it takes. */

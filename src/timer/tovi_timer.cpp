@@ -71,11 +71,7 @@ bool sleep_until(TimerRoot &root, uint64_t now, uint64_t wake)
         wait = tovi::timer::kMaxSleepMs;
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_nsec += static_cast<long>(wait * 1000000);
-    if (deadline.tv_nsec > 1000000000L) {
-        deadline.tv_sec += 1;
-        deadline.tv_nsec -= 1000000000L;
-    }
+    deadline = tovi::timer::deadline_after(deadline, wait);
     return pthread_cond_timedwait(&root.cond, &root.mutex, &deadline) == ETIMEDOUT;
 }
 

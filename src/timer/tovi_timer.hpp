@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <cstdint>
+#include <ctime>
 
 #include "tovi_lock.h"
 #include "tovi_timer.h"
@@ -24,6 +25,18 @@ inline constexpr uint32_t kSlotCount[kLevels] = {kTv0Slots, kTvSlots, kTvSlots, 
 inline constexpr uint64_t kWheelSpan = 216000000ull * kTv4Slots;
 // The thread never sleeps longer than this, and looks this many tv0 slots ahead.
 inline constexpr uint64_t kMaxSleepMs = 20;
+
+// `now` plus `ms` (at most a second) as a normalised time: the kernel
+// refuses a tv_nsec of 1e9 or more.
+inline timespec deadline_after(timespec now, uint64_t ms)
+{
+    now.tv_nsec += static_cast<long>(ms * 1000000);
+    if (now.tv_nsec >= 1000000000L) {
+        now.tv_sec += 1;
+        now.tv_nsec -= 1000000000L;
+    }
+    return now;
+}
 inline constexpr uint64_t kSlowCallbackMs = 300;
 
 // The timer root. `lock` guards everything but `mutex`/`cond`, which carry
