@@ -14,6 +14,7 @@
 #include <ctime>
 
 #include "tovi_hr_timer.h"
+#include "tovi_hr_timer.hpp"
 #include "tovi_histogram.hpp"
 #include "tovi_rbtree.h"
 #include "tovi_sched.h"
@@ -255,6 +256,25 @@ uint64_t expiry_ms(const tovi_timer *t)
 }
 
 }  // namespace
+
+namespace tovi::timer::hr {
+
+void lock()
+{
+    pthread_mutex_lock(&g_hr.mutex);
+}
+
+void unlock()
+{
+    pthread_mutex_unlock(&g_hr.mutex);
+}
+
+void insert(tovi_timer *timer)
+{
+    ::insert(timer);
+}
+
+}  // namespace tovi::timer::hr
 
 extern "C" {
 
