@@ -111,6 +111,7 @@ TEST(HrTimer, ModifyAndListingDoNotStartTheModuleAddDoes)
     EXPECT_EQ(t.flags & TOVI_TIMER_FLAG_HR, TOVI_TIMER_FLAG_HR);
     EXPECT_TRUE(cap.contains("tovi hr timer inited OK."));
     EXPECT_TRUE(wait_for([&] { return tovi_timer_is_pending(&t) == 0; }));
+    EXPECT_EQ(tovi_timer_delete_sync(&t), 0);  // the thread is done with the record
 }
 
 TEST(HrTimer, ArgumentChecksWordForWord)
@@ -232,6 +233,8 @@ TEST(HrTimer, FireInExpiryOrderTiesInArmingOrderAndListInThatOrder)
         std::lock_guard<std::mutex> g(g_order_mutex);
         return g_order.size() == 6;
     }));
+    for (auto &t : timers)
+        EXPECT_EQ(tovi_timer_delete_sync(&t), 0);
     std::lock_guard<std::mutex> g(g_order_mutex);
     EXPECT_EQ(g_order, std::vector<uint64_t>(std::begin(expect), std::end(expect)));
 }
@@ -256,6 +259,7 @@ TEST(HrTimer, FiresAfterItsDelayAndCountsLateness)
         ASSERT_TRUE(wait_for([] { return g_firedAt.load() != 0; }, 5000));
         EXPECT_GE(g_firedAt.load() - armed, delay);
         EXPECT_LT(g_firedAt.load() - armed, 2000000000ull) << "generous: a shared machine";
+        EXPECT_EQ(tovi_timer_delete_sync(&t), 0);
         EXPECT_EQ(tovi_timer_is_pending(&t), 0);
     }
     tovi_hr_timer_stats_s after{};
