@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "poll.hpp"
 #include "tovi_cfg.h"
 #include "tovi_cfg.hpp"
 #include "tovi_jiffies.h"
@@ -29,30 +29,9 @@
 namespace {
 
 using tovi::schedwork::SchedWorkRoot;
+using tovi::test::fmt;
 using tovi::test::LogCapture;
-
-std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char *f, ...)
-{
-    char buf[512];
-    va_list ap;
-    va_start(ap, f);
-    vsnprintf(buf, sizeof buf, f, ap);
-    va_end(ap);
-    return buf;
-}
-
-template <class Pred>
-bool wait_for(Pred pred, uint64_t timeout_ms = 20000)
-{
-    const uint64_t end = tovi_time_getmillisec() + timeout_ms;
-    while (!pred()) {
-        if (tovi_time_getmillisec() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+using tovi::test::wait_for;
 
 tovi_sched_work_stats_s stats()
 {
@@ -150,18 +129,14 @@ TEST(SchedWork, HealRecordHasTheFrameworksLayout)
     ASSERT_NE(task, nullptr);
     EXPECT_EQ(count, 1u);
     const auto *b = reinterpret_cast<const unsigned char *>(task);
-    char name[32];
-    std::memcpy(name, b, 32);
-    EXPECT_EQ(std::string(name, 32), std::string("tovi_schedwork_timeout_check") + std::string(4, '\0'));
-    void (*check)(void *) = nullptr;
-    std::memcpy(&check, b + 32, 8);
-    EXPECT_EQ(check, &tovi_heal_check_callback);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(b), 32),
+              std::string("tovi_schedwork_timeout_check") + std::string(4, '\0'));
     struct Word {
         size_t offset, width;
         uint64_t value;
     };
-    for (const Word &w : {Word{40, 8, 0}, Word{48, 8, 0}, Word{56, 4, 1}, Word{60, 4, 5}, Word{64, 4, 5},
-                          Word{72, 8, 0}}) {
+    for (const Word &w : {Word{32, 8, reinterpret_cast<uint64_t>(&tovi_heal_check_callback)}, Word{40, 8, 0},
+                          Word{48, 8, 0}, Word{56, 4, 1}, Word{60, 4, 5}, Word{64, 4, 5}, Word{72, 8, 0}}) {
         uint64_t v = 0;
         std::memcpy(&v, b + w.offset, w.width);
         EXPECT_EQ(v, w.value) << "offset " << w.offset;
@@ -170,7 +145,7 @@ TEST(SchedWork, HealRecordHasTheFrameworksLayout)
     // The framework's own record: the callback writes word 128, nothing else.
     unsigned char record[160];
     std::memset(record, 0xEE, sizeof record);
-    check(record);
+    task->check(record);
     uint32_t health = 0;
     std::memcpy(&health, record + 128, 4);
     EXPECT_EQ(health, 1u) << "an idle pool is healthy";
@@ -236,15 +211,12 @@ TEST(SchedWork, AllStuckDetectorNeedsSixtyFourHandlersAndNoStartFor45000Jiffies)
         EXPECT_EQ(r.func, "tovi_dump_partial_sched_work_thread");
 
     // The heal callback reports the same verdict in the framework's word.
-    unsigned char record[136] = {};
-    uint32_t health = 7;
+    uint32_t record[34] = {};
     tovi::schedwork::heal_check(*p.r, record, 200000);
-    std::memcpy(&health, record + 128, 4);
-    EXPECT_EQ(health, 0u) << "stuck";
+    EXPECT_EQ(record[32], 0u) << "stuck";
     p.r->startedCount += 1;
     tovi::schedwork::heal_check(*p.r, record, 200001);
-    std::memcpy(&health, record + 128, 4);
-    EXPECT_EQ(health, 1u);
+    EXPECT_EQ(record[32], 1u);
     tovi::schedwork::set_dump_hook(prev);
 }
 
@@ -287,20 +259,6 @@ TEST(SchedWork, OverrunCheckReportsTheFirstOverrunningWorkerOnly)
 
 // ---- Idle limits from the library's settings ----
 
-struct TempIni {
-    std::string path;
-    explicit TempIni(const std::string &text)
-    {
-        char tmpl[] = "/tmp/tovi_schedwork_XXXXXX";
-        int fd = mkstemp(tmpl);
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-        close(fd);
-        path = tmpl;
-    }
-    ~TempIni() { unlink(path.c_str()); }
-};
-
 TEST(SchedWork, SettingsCanOnlyLowerTheIdleLimits)
 {
     ASSERT_EQ(sched_work_init(), 0);
@@ -324,10 +282,15 @@ TEST(SchedWork, SettingsCanOnlyLowerTheIdleLimits)
             text += std::string("SCHED_THREAD_FREE_NUM_MIN=") + c.min + "\n";
         if (c.max != nullptr)
             text += std::string("SCHED_THREAD_FREE_NUM_MAX=") + c.max + "\n";
-        TempIni ini(text);
-        ASSERT_EQ(tovi_cfg_init_ex(ini.path.c_str()), 0);
+        char path[] = "/tmp/tovi_schedwork_XXXXXX";
+        const int fd = mkstemp(path);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        close(fd);
+        ASSERT_EQ(tovi_cfg_init_ex(path), 0);
         sched_work_thread_num_set();
-        tovi_cfg_destroy_ex(ini.path.c_str());
+        tovi_cfg_destroy_ex(path);
+        unlink(path);
         const auto s = stats();
         EXPECT_EQ(s.freeNumMin, c.expectMin) << text;
         EXPECT_EQ(s.freeNumMax, c.expectMax) << text;
@@ -343,19 +306,19 @@ TEST(SchedWork, SettingsCanOnlyLowerTheIdleLimits)
 
 // ---- The real pool ----
 
-struct Recorder {
+// Counts its runs; queues itself again until it has run `requeue` times.
+struct Counted {
     tovi_sched_work work;
-    std::atomic<int> *order;
-    std::atomic<int> ranAt{-1};
-    int requeue = 0;
+    int requeue = 1;
     std::atomic<int> runs{0};
 };
+std::atomic<int> g_runs{0};
 
-void record(tovi_sched_work *w)
+void count_run(tovi_sched_work *w)
 {
-    auto *r = static_cast<Recorder *>(w->pData);
-    r->ranAt.store(r->order->fetch_add(1));
-    if (r->runs.fetch_add(1) + 1 < r->requeue) {
+    auto *c = static_cast<Counted *>(w->pData);
+    g_runs.fetch_add(1);
+    if (c->runs.fetch_add(1) + 1 < c->requeue) {
         EXPECT_EQ(tovi_sched_add_work(w), 0) << "a handler may queue its own work again";
     }
 }
@@ -380,20 +343,16 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     ASSERT_TRUE(wait_for([] { return stats().threadsIdle == 4 && stats().threadsAlive == 4; }));
 
     // Works run, each once, with their data; a handler may requeue itself.
-    std::atomic<int> order{0};
-    std::vector<std::unique_ptr<Recorder>> recs;
-    for (int i = 0; i < 20; ++i) {
-        recs.push_back(std::make_unique<Recorder>());
-        auto &r = *recs.back();
-        r.order = &order;
-        r.requeue = i == 0 ? 3 : 1;
-        tovi_sched_init_work(&r.work, record, &r);
+    std::vector<Counted> recs(20);
+    for (auto &r : recs) {
+        r.requeue = &r == &recs[0] ? 3 : 1;
+        tovi_sched_init_work(&r.work, count_run, &r);
         ASSERT_EQ(tovi_sched_add_work(&r.work), 0);
     }
-    ASSERT_TRUE(wait_for([&] { return order.load() == 22; }));
+    ASSERT_TRUE(wait_for([] { return g_runs.load() == 22; }));
     for (auto &r : recs) {
-        EXPECT_EQ(r->runs.load(), r->requeue);
-        EXPECT_TRUE(idle_work(r->work));
+        EXPECT_EQ(r.runs.load(), r.requeue);
+        EXPECT_TRUE(idle_work(r.work));
     }
 
     // A watched work: its worker's entry holds 15 s in jiffies while it runs.
@@ -471,10 +430,8 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
 
     ASSERT_EQ(sched_work_init(), 0);
     ASSERT_TRUE(wait_for([] { return stats().threadsIdle == 4 && stats().threadsAlive == 4; }));
-    Recorder again;
-    again.order = &order;
-    again.requeue = 1;
-    tovi_sched_init_work(&again.work, record, &again);
+    Counted again;
+    tovi_sched_init_work(&again.work, count_run, &again);
     ASSERT_EQ(tovi_sched_add_work(&again.work), 0);
     EXPECT_TRUE(wait_for([&] { return again.runs.load() == 1; }));
 
