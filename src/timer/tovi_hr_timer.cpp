@@ -395,8 +395,6 @@ int tovi_hr_timer_stats(tovi_hr_timer_stats_s *stats)
 
 int64_t tovi_hr_timer_list_pending(tovi_timer_info_s *out, uint32_t max, uint64_t *now)
 {
-    if (!inited())
-        return not_inited();
     if (out == nullptr && max > 0)
         return -1;
     if (now != nullptr) {
@@ -404,6 +402,8 @@ int64_t tovi_hr_timer_list_pending(tovi_timer_info_s *out, uint32_t max, uint64_
         clock_gettime(CLOCK_MONOTONIC, &ts);
         *now = static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
     }
+    if (!inited())
+        return 0;  // nothing was ever armed
     pthread_mutex_lock(&g_hr.mutex);
     int64_t n = 0;
     for (tovi_rb_node *node = tovi_rb_first(&g_hr.tree); node != nullptr; node = tovi_rb_next(node), ++n) {

@@ -75,7 +75,7 @@ TOVI_API int tovi_hr_timer_stats(tovi_hr_timer_stats_s *stats);
 /* Copies up to `max` queued high-resolution timers into `out` in expiry
  * order (`expirTime` holds the expiry in CLOCK_MONOTONIC milliseconds) and
  * that clock's reading in ms into `now` (may be NULL). Returns how many are
- * queued (may exceed `max`), or -1 when the module is not running or `out`
+ * queued (may exceed `max`; 0 before the module started), or -1 when `out`
  * is NULL with `max` > 0. */
 TOVI_API int64_t tovi_hr_timer_list_pending(tovi_timer_info_s *out, uint32_t max, uint64_t *now);
 
