@@ -190,6 +190,10 @@ TEST(HrTimer, FireInExpiryOrderTiesInArmingOrderAndListInThatOrder)
                               static_cast<int>(a.id)));
     }
     EXPECT_EQ(cap.texts(6), listing);
+    tovi_timer_info_s info[4];
+    ASSERT_EQ(tovi_hr_timer_list_pending(info, 4, nullptr), 6) << "all counted, four copied";
+    for (size_t i = 0; i < 4; ++i)
+        EXPECT_EQ(info[i].data, expect[i]);
 
     {
         std::lock_guard<std::mutex> g(g_order_mutex);
