@@ -207,8 +207,8 @@ TEST(SchedWork, AllStuckDetectorNeedsSixtyFourHandlersAndNoStartFor45000Jiffies)
         }
     EXPECT_EQ(cap.texts(3), expected);
     EXPECT_EQ(g_dumped, tids);
-    for (const auto &r : cap.records())
-        EXPECT_EQ(r.func, "tovi_dump_partial_sched_work_thread");
+    for (const auto &r : cap.records())  // workers of earlier tests may still say hello at level 7
+        EXPECT_TRUE(r.level != 3 || r.func == "tovi_dump_partial_sched_work_thread") << r.func;
 
     // The heal callback reports the same verdict in the framework's word.
     uint32_t record[34] = {};
@@ -384,10 +384,14 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     g_gate = false;
     g_ran = 0;
     cap.clear();
+    // The 64th is taken by the one idle worker left, alone, and it reports.
     std::vector<tovi_sched_work> many(70);
-    for (auto &w : many) {
-        tovi_sched_init_work(&w, gated, nullptr);
-        ASSERT_EQ(tovi_sched_add_work(&w), 0);
+    for (size_t i = 0; i < many.size(); ++i) {
+        if (i == 63) {
+            ASSERT_TRUE(wait_for([] { return g_ran.load() == 63; }));
+        }
+        tovi_sched_init_work(&many[i], gated, nullptr);
+        ASSERT_EQ(tovi_sched_add_work(&many[i]), 0);
     }
     ASSERT_TRUE(wait_for([] { return g_ran.load() == 64; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
