@@ -439,10 +439,21 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     ASSERT_EQ(tovi_sched_add_work(&again.work), 0);
     EXPECT_TRUE(wait_for([&] { return again.runs.load() == 1; }));
 
+    // Work added while a destroy runs is logged and queued all the same
+    // (the destroy may drop it, or leave it for the next pool).
+    std::thread stopper([] { sched_work_destroy(); });
+    ASSERT_TRUE(wait_for([] { return stats().threadsAlive >= 1024; }));
+    static tovi_sched_work late;
+    tovi_sched_init_work(&late, noop, nullptr);
+    EXPECT_EQ(tovi_sched_add_work(&late), 0);
+    stopper.join();
+    EXPECT_TRUE(cap.contains("In destroying, adding v_pstWork failed."));
+
     // Adding after a destroy starts the pool by itself.
-    EXPECT_EQ(sched_work_destroy(), 0);
     ASSERT_EQ(tovi_sched_add_work(&again.work), 0);
     EXPECT_TRUE(wait_for([&] { return again.runs.load() == 2; }));
+    const int32_t lateRc = tovi_sched_delete_work(&late);
+    EXPECT_TRUE(lateRc == 0 || lateRc == -55) << lateRc;
 
     const auto s = stats();
     EXPECT_GT(s.waitSamples, 100u);
