@@ -317,8 +317,9 @@ std::atomic<int> g_runs{0};
 void count_run(tovi_sched_work *w)
 {
     auto *c = static_cast<Counted *>(w->pData);
+    const int want = c->requeue;  // the record may be gone once `runs` says done
     g_runs.fetch_add(1);
-    if (c->runs.fetch_add(1) + 1 < c->requeue) {
+    if (c->runs.fetch_add(1) + 1 < want) {
         EXPECT_EQ(tovi_sched_add_work(w), 0) << "a handler may queue its own work again";
     }
 }
