@@ -8,6 +8,7 @@
 // that they never meet a node changed under the other family's feet. A node
 // leaving the list is unlinked under the list's write lock and freed after
 // its own write lock has waited out every holder that found it earlier.
+#include <cstdlib>
 #include <cstring>
 #include <pthread.h>
 #include <unistd.h>
@@ -103,12 +104,19 @@ CfgFileNode *swap_file_node(CfgFileNode *node)
     return old;
 }
 
+const char *library_file()
+{
+    const char *path = getenv(TOVI_CFG_LIBRARY_FILE_ENV);
+    return path != nullptr && path[0] != '\0' ? path : TOVI_CFG_LIBRARY_FILE;
+}
+
 int32_t library_setting(const char *item, char *buf, uint32_t size)
 {
     static pthread_once_t loaded = PTHREAD_ONCE_INIT;
     pthread_once(&loaded, [] {
-        if (access(TOVI_CFG_LIBRARY_FILE, R_OK) == 0)
-            tovi_cfg_init_ex(TOVI_CFG_LIBRARY_FILE);
+        const char *path = library_file();
+        if (access(path, R_OK) == 0)
+            tovi_cfg_init_ex(path);
     });
     return tovi_cfg_getItemValue(TOVI_CFG_LIBRARY_SECTION, item, buf, size);
 }

@@ -56,8 +56,11 @@ TOVI_EXTERN_C_BEGIN
 #define TOVI_CFG_RESULT_VALUE_MAX 256u /* value in a CfgItemResult, NUL included */
 #define TOVI_CFG_ERR_BUFSIZE (-10000)
 
-/* Where the library reads its own settings (section "TOVI"). */
+/* Where the library reads its own settings (section "TOVI"), loaded once
+ * per process on first use; the environment variable named by
+ * TOVI_CFG_LIBRARY_FILE_ENV, when set and not empty, names another file. */
 #define TOVI_CFG_LIBRARY_FILE "/ZSR/conf/tovi.ini"
+#define TOVI_CFG_LIBRARY_FILE_ENV "TOVI_CFG_LIBRARY_FILE"
 #define TOVI_CFG_LIBRARY_SECTION "TOVI"
 
 /* One item: a link in its section's item list, the name and the value, a

@@ -191,8 +191,12 @@ CfgFileNode *swap_file_node(CfgFileNode *node);
 
 // ---- The library's own settings ----
 
+// The library's settings file: $TOVI_CFG_LIBRARY_FILE when set and not
+// empty, else TOVI_CFG_LIBRARY_FILE.
+const char *library_file();
+
 // Reads item `item` of section "TOVI" with tovi_cfg_getItemValue, first
-// loading TOVI_CFG_LIBRARY_FILE once per process when it exists.
+// loading the library's settings file once per process when it exists.
 int32_t library_setting(const char *item, char *buf, uint32_t size);
 
 // ---- Advisory locking of a file being edited ----

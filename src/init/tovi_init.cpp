@@ -12,6 +12,7 @@
 #include "tovi_jiffies.h"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
+#include "tovi_schedwork.h"
 #include "tovi_symbol.h"
 #include "tovi_thread.h"
 #include "tovi_time.h"
@@ -57,6 +58,7 @@ constexpr StartStep kStartSteps[] = {
     {name_modules, nullptr, false},
     {tovi_thrd_setpid_accl, nullptr, false},
     {tovi_sched_init, nullptr, false},
+    {[]() -> uint32_t { return sched_work_init() == 0 ? 0u : TOVI_ERR; }, "Tovi schedWork initialize failed.", true},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
     {tovi_thrd_module_init, nullptr, false},
     {[]() -> uint32_t { return tovi_timer_module_init() == 0 ? 0u : TOVI_ERR; }, "Tovi timer initialize failed.", true},
@@ -121,6 +123,7 @@ uint32_t tovi_destory(void)
         return 0;
     TOVI_LOG(kInfo, "Tovi destroy start.");
     pid_destroy_names();
+    sched_work_destroy();
     tovi_symbol_fini();
     TOVI_LOG(kInfo, "Tovi destroy end.");
     g_lib_up.store(0, std::memory_order_release);

@@ -86,3 +86,12 @@ uint64_t current_jiffies();
             vrlog(TOVI_MODULE_ID, (level), TOVI_LOG_FILE, __LINE__, __func__, 0,         \
                   fmt __VA_OPT__(, ) __VA_ARGS__);                                       \
     } while (0)
+
+// As TOVI_LOG, as an expression whose value is vrlog's result (the length
+// written), or 0 when the level is not enabled. For the few functions whose
+// failure result is the logging call's own.
+#define TOVI_LOG_RESULT(level, fmt, ...)                                                 \
+    (vrlog_level_check(TOVI_MODULE_ID, (level)) == 0                                     \
+         ? vrlog(TOVI_MODULE_ID, (level), TOVI_LOG_FILE, __LINE__, __func__, 0,          \
+                 fmt __VA_OPT__(, ) __VA_ARGS__)                                         \
+         : 0)

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "tovi_hr_timer.h"
 #include "tovi_log.hpp"
 #include "tovi_thread.h"
 #include "tovi_time.h"
@@ -47,14 +48,6 @@ bool pending(tovi_timer *timer)
 bool is_hr(const tovi_timer *timer)
 {
     return (timer->flags & TOVI_TIMER_FLAG_HR) != 0;
-}
-
-// High-resolution timers share the record; their operations are not
-// available in this build, so a record flagged as one is refused.
-int hr_unavailable(const char *op)
-{
-    TOVI_LOG(kError, "High-resolution timer %s is not supported.", op);
-    return -1;
 }
 
 uint64_t now_ms()
@@ -115,7 +108,7 @@ int delete_checked(tovi_timer *timer, bool sync)
         return -1;
     }
     if (is_hr(timer))
-        return hr_unavailable(sync ? "delete_sync" : "delete");
+        return sync ? tovi_hr_timer_delete_sync(timer) : tovi_hr_timer_delete(timer);
     if (!inited()) {
         TOVI_LOG(kError, "tovi timer is not inited.");
         return -1;
@@ -215,7 +208,7 @@ int tovi_timer_modify(tovi_timer *timer, uint64_t timeOut)
         return -1;
     }
     if (is_hr(timer))
-        return hr_unavailable("modify");
+        return tovi_hr_timer_modify(timer, timeOut);
     return tovi::timer::arm(g_root, timer, timeOut, now_ms());
 }
 
@@ -240,10 +233,8 @@ int tovi_timer_is_pending(tovi_timer *timer)
         TOVI_LOG(kError, "Input timer is null.");
         return 0;
     }
-    if (is_hr(timer)) {
-        hr_unavailable("is_pending");
-        return 0;
-    }
+    if (is_hr(timer))
+        return tovi_hr_timer_is_pending(timer);
     return pending(timer) ? 1 : 0;
 }
 

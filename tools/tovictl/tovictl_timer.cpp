@@ -1,4 +1,5 @@
-// tovictl timers: lists the timers waiting in this process's timer wheel.
+// tovictl timers: lists the timers waiting in this process's timer wheel
+// and its high-resolution timer tree.
 //
 //   tovictl timers [-n COUNT]
 //
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tovi_hr_timer.h"
 #include "tovi_symbol.h"
 #include "tovi_timer.h"
 
@@ -74,6 +76,14 @@ int tovictl_timers(int argc, char **argv)
         std::printf("pending timers: %lld (now %llu ms)\n", static_cast<long long>(count),
                     static_cast<unsigned long long>(now));
         for (size_t i = 0; i < shown; ++i)
+            print_timer(info[i], now);
+    }
+    // High-resolution timers (due within 1 ms of arming) of this process.
+    count = tovi_hr_timer_list_pending(info.data(), static_cast<uint32_t>(info.size()), &now);
+    if (count >= 0) {
+        std::printf("pending high-resolution timers: %lld (now %llu ms monotonic)\n", static_cast<long long>(count),
+                    static_cast<unsigned long long>(now));
+        for (size_t i = 0; i < std::min<size_t>(static_cast<size_t>(count), info.size()); ++i)
             print_timer(info[i], now);
     }
     for (auto &t : armed)
