@@ -54,42 +54,86 @@ template <Sync kSync>
 }
 
 // The multi-thread paths are kept out of line and tail-called, so that the
-// single paths inlined into the exported calls need no saved registers: they
-// are a few loads and stores.
+// single paths inlined into the exported calls need no saved registers and
+// stay as they are: a few loads and stores. The in-order core is inlined into
+// each multi_* below; a relaxed-tail side is told there by its mode and
+// tail-called to a core of its own.
 template <Sync kSync>
-[[gnu::noinline]] int32_t multi_enqueue_one(tovi_ring_s *r, uint64_t obj)
+[[gnu::noinline]] int32_t enqueue_one(tovi_ring_s *r, uint64_t obj)
 {
     return enqueue_bulk<kSync>(r, &obj, 1);
 }
 
 template <Sync kSync>
-[[gnu::noinline]] int32_t multi_dequeue_one(tovi_ring_s *r, uint64_t *obj)
+[[gnu::noinline]] int32_t dequeue_one(tovi_ring_s *r, uint64_t *obj)
 {
     return dequeue_bulk<kSync>(r, obj, 1);
 }
 
 template <Sync kSync>
-[[gnu::noinline]] int32_t multi_enqueue_bulk(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
+[[gnu::noinline]] int32_t enqueue_fixed(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
 {
     return enqueue_bulk<kSync>(r, objs, n);
 }
 
 template <Sync kSync>
-[[gnu::noinline]] int32_t multi_dequeue_bulk(tovi_ring_s *r, uint64_t *objs, uint32_t n)
+[[gnu::noinline]] int32_t dequeue_fixed(tovi_ring_s *r, uint64_t *objs, uint32_t n)
 {
     return dequeue_bulk<kSync>(r, objs, n);
 }
 
 template <Sync kSync>
-[[gnu::noinline]] uint32_t multi_enqueue_burst(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
+[[gnu::noinline]] uint32_t enqueue_variable(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
 {
     return tovi::ring::enqueue<kSync, false>(r, objs, n, Yield{});
 }
 
 template <Sync kSync>
-[[gnu::noinline]] uint32_t multi_dequeue_burst(tovi_ring_s *r, uint64_t *objs, uint32_t n)
+[[gnu::noinline]] uint32_t dequeue_variable(tovi_ring_s *r, uint64_t *objs, uint32_t n)
 {
     return tovi::ring::dequeue<kSync, false>(r, objs, n, Yield{});
+}
+
+[[gnu::noinline]] int32_t multi_enqueue_one(tovi_ring_s *r, uint64_t obj)
+{
+    if (r->prod.sp_enqueue == kRelaxedTail)
+        return enqueue_one<Sync::kRelaxed>(r, obj);
+    return enqueue_bulk<Sync::kInOrder>(r, &obj, 1);
+}
+
+[[gnu::noinline]] int32_t multi_dequeue_one(tovi_ring_s *r, uint64_t *obj)
+{
+    if (r->cons.sc_dequeue == kRelaxedTail)
+        return dequeue_one<Sync::kRelaxed>(r, obj);
+    return dequeue_bulk<Sync::kInOrder>(r, obj, 1);
+}
+
+[[gnu::noinline]] int32_t multi_enqueue_bulk(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
+{
+    if (r->prod.sp_enqueue == kRelaxedTail)
+        return enqueue_fixed<Sync::kRelaxed>(r, objs, n);
+    return enqueue_bulk<Sync::kInOrder>(r, objs, n);
+}
+
+[[gnu::noinline]] int32_t multi_dequeue_bulk(tovi_ring_s *r, uint64_t *objs, uint32_t n)
+{
+    if (r->cons.sc_dequeue == kRelaxedTail)
+        return dequeue_fixed<Sync::kRelaxed>(r, objs, n);
+    return dequeue_bulk<Sync::kInOrder>(r, objs, n);
+}
+
+[[gnu::noinline]] uint32_t multi_enqueue_burst(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
+{
+    if (r->prod.sp_enqueue == kRelaxedTail)
+        return enqueue_variable<Sync::kRelaxed>(r, objs, n);
+    return tovi::ring::enqueue<Sync::kInOrder, false>(r, objs, n, Yield{});
+}
+
+[[gnu::noinline]] uint32_t multi_dequeue_burst(tovi_ring_s *r, uint64_t *objs, uint32_t n)
+{
+    if (r->cons.sc_dequeue == kRelaxedTail)
+        return dequeue_variable<Sync::kRelaxed>(r, objs, n);
+    return tovi::ring::dequeue<Sync::kInOrder, false>(r, objs, n, Yield{});
 }
 
 // The queries read the tails without barriers: a snapshot, possibly stale.
@@ -191,17 +235,12 @@ uint32_t tovi_ring_size(const tovi_ring_t *ring)
     return ring->prod.mask + 1;
 }
 
-// Each call below tests the side's mode once: single (inlined here), in-order
-// or relaxed-tail multi (tail-called).
-
 int32_t tovi_ring_enqueue(tovi_ring_t *ring, uint64_t obj)
 {
     if (ring == nullptr) [[unlikely]]
         return null_ring();
-    const uint32_t mode = ring->prod.sp_enqueue;
-    if (mode != kSingleProducer)
-        return mode == kRelaxedTail ? multi_enqueue_one<Sync::kRelaxed>(ring, obj)
-                                    : multi_enqueue_one<Sync::kInOrder>(ring, obj);
+    if (ring->prod.sp_enqueue != kSingleProducer)
+        return multi_enqueue_one(ring, obj);
     return enqueue_bulk<Sync::kSingle>(ring, &obj, 1);
 }
 
@@ -209,46 +248,36 @@ int32_t tovi_ring_dequeue(tovi_ring_t *ring, uint64_t *obj)
 {
     if (ring == nullptr || obj == nullptr) [[unlikely]]
         return null_ring();
-    const uint32_t mode = ring->cons.sc_dequeue;
-    if (mode != kSingleConsumer)
-        return mode == kRelaxedTail ? multi_dequeue_one<Sync::kRelaxed>(ring, obj)
-                                    : multi_dequeue_one<Sync::kInOrder>(ring, obj);
+    if (ring->cons.sc_dequeue != kSingleConsumer)
+        return multi_dequeue_one(ring, obj);
     return dequeue_bulk<Sync::kSingle>(ring, obj, 1);
 }
 
 int32_t tovi_ring_enqueue_bulk(tovi_ring_t *ring, const uint64_t *objs, uint32_t n)
 {
-    const uint32_t mode = ring->prod.sp_enqueue;
-    if (mode != kSingleProducer)
-        return mode == kRelaxedTail ? multi_enqueue_bulk<Sync::kRelaxed>(ring, objs, n)
-                                    : multi_enqueue_bulk<Sync::kInOrder>(ring, objs, n);
+    if (ring->prod.sp_enqueue != kSingleProducer)
+        return multi_enqueue_bulk(ring, objs, n);
     return enqueue_bulk<Sync::kSingle>(ring, objs, n);
 }
 
 int32_t tovi_ring_dequeue_bulk(tovi_ring_t *ring, uint64_t *objs, uint32_t n)
 {
-    const uint32_t mode = ring->cons.sc_dequeue;
-    if (mode != kSingleConsumer)
-        return mode == kRelaxedTail ? multi_dequeue_bulk<Sync::kRelaxed>(ring, objs, n)
-                                    : multi_dequeue_bulk<Sync::kInOrder>(ring, objs, n);
+    if (ring->cons.sc_dequeue != kSingleConsumer)
+        return multi_dequeue_bulk(ring, objs, n);
     return dequeue_bulk<Sync::kSingle>(ring, objs, n);
 }
 
 uint32_t tovi_ring_enqueue_burst(tovi_ring_t *ring, const uint64_t *objs, uint32_t n)
 {
-    const uint32_t mode = ring->prod.sp_enqueue;
-    if (mode != kSingleProducer)
-        return mode == kRelaxedTail ? multi_enqueue_burst<Sync::kRelaxed>(ring, objs, n)
-                                    : multi_enqueue_burst<Sync::kInOrder>(ring, objs, n);
+    if (ring->prod.sp_enqueue != kSingleProducer)
+        return multi_enqueue_burst(ring, objs, n);
     return tovi::ring::enqueue<Sync::kSingle, false>(ring, objs, n, Yield{});
 }
 
 uint32_t tovi_ring_dequeue_burst(tovi_ring_t *ring, uint64_t *objs, uint32_t n)
 {
-    const uint32_t mode = ring->cons.sc_dequeue;
-    if (mode != kSingleConsumer)
-        return mode == kRelaxedTail ? multi_dequeue_burst<Sync::kRelaxed>(ring, objs, n)
-                                    : multi_dequeue_burst<Sync::kInOrder>(ring, objs, n);
+    if (ring->cons.sc_dequeue != kSingleConsumer)
+        return multi_dequeue_burst(ring, objs, n);
     return tovi::ring::dequeue<Sync::kSingle, false>(ring, objs, n, Yield{});
 }
 

@@ -342,44 +342,52 @@ TOVI_RING_INLINE uint64_t wait_head_near_tail(RelaxedEnds *s, uint64_t head, uin
     return head;
 }
 
+// Reserves slots for up to `want` objects into `c`; false when nothing is
+// reserved. The claim is worked out in locals (not in `c`, whose address would
+// then escape into the compare-and-swap and keep it in memory).
 template <Sync kSync, bool kFixed, class Yield>
 TOVI_RING_INLINE bool move_head(const Ends &e, uint32_t want, Claim &c, Yield yield)
 {
+    uint32_t head;
+    uint32_t avail;
+    uint32_t n;
     if constexpr (kSync == Sync::kRelaxed) {
         RelaxedEnds *s = e.relaxed;
         const uint32_t max_ahead = e.mask >> 3;
-        uint64_t head = load_acquire(&s->head);  // H0 (pairs with H1)
+        uint64_t word = load_acquire(&s->head);  // H0 (pairs with H1)
         for (;;) {
-            head = wait_head_near_tail(s, head, max_ahead, yield);
-            c.head = pos_of(head);
-            c.avail = e.base + load_acquire(e.other_tail) - c.head;  // T1 (pairs with T0)
-            if (!fit<kFixed>(want, c.avail, c.n))
+            word = wait_head_near_tail(s, word, max_ahead, yield);
+            head = pos_of(word);
+            avail = e.base + load_acquire(e.other_tail) - head;  // T1 (pairs with T0)
+            if (!fit<kFixed>(want, avail, n))
                 return false;
             // H1 on success; on failure the word is read again as H0.
-            if (__atomic_compare_exchange_n(&s->head, &head, pos_cnt(c.head + c.n, cnt_of(head) + 1), false,
+            if (__atomic_compare_exchange_n(&s->head, &word, pos_cnt(head + n, cnt_of(word) + 1), false,
                                             __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
-                return true;
+                break;
         }
     } else {
         for (;;) {
-            c.head = load_relaxed(e.head);
+            head = load_relaxed(e.head);
             // H0 (pairs with H1): our head before the other side's tail.
             arch::fence_acquire();
-            c.avail = e.base + load_acquire(e.other_tail) - c.head;  // T1 (pairs with T0)
-            if (!fit<kFixed>(want, c.avail, c.n))
+            avail = e.base + load_acquire(e.other_tail) - head;  // T1 (pairs with T0)
+            if (!fit<kFixed>(want, avail, n))
                 return false;
             if constexpr (kSync == Sync::kSingle) {
-                store_relaxed(e.head, c.head + c.n);  // H1: one thread, program order
-                return true;
+                store_relaxed(e.head, head + n);  // H1: one thread, program order
+                break;
             } else {
                 // H1. Claims [head, head + n) against the other threads of this
                 // side; fails and retries when one of them moved the head first.
-                if (__atomic_compare_exchange_n(e.head, &c.head, c.head + c.n, false, __ATOMIC_ACQ_REL,
+                if (__atomic_compare_exchange_n(e.head, &head, head + n, false, __ATOMIC_ACQ_REL,
                                                 __ATOMIC_RELAXED))
-                    return true;
+                    break;
             }
         }
     }
+    c = {head, n, avail};
+    return true;
 }
 
 // kRelaxed: moves the 32-bit tail up to `pos` unless a later publication got
@@ -436,8 +444,7 @@ TOVI_RING_INLINE uint32_t transfer(tovi_ring_s *r, Objs objs, uint32_t want, Yie
         // watermark; they are stored either way. n <= mask < 2^28 leaves bit
         // 31 free for the verdict. It uses only values already read, so it is
         // worked out before the copy, which then has more registers to itself.
-        if ((e.mask + 1) - c.avail + c.n > r->prod.watermark)
-            result |= TOVI_RING_QUOT_EXCEED;
+        result = (e.mask + 1) - c.avail + c.n > r->prod.watermark ? c.n | TOVI_RING_QUOT_EXCEED : c.n;
     }
     arch::fence_acquire();  // F0
     if constexpr (kProducer)
