@@ -205,7 +205,7 @@ void run(const Config &c)
     EXPECT_EQ(bad_results.load(), 0);
     EXPECT_EQ(taken.load(), total);
     EXPECT_EQ(tovi_ring_empty(r), 1u);
-    EXPECT_EQ(r->prod.tail, kStart + total);
+    EXPECT_EQ(tovi::ring::published_tail(r, true), kStart + total);
 
     // Per consumer, each producer's objects come in increasing order; over all
     // consumers, each object exactly once.

@@ -139,12 +139,12 @@ template <Sync kSync>
 // The queries read the tails without barriers: a snapshot, possibly stale.
 uint32_t prod_tail(const tovi_ring_t *r)
 {
-    return tovi::ring::load_relaxed(&r->prod.tail);
+    return tovi::ring::published_tail(r, true);
 }
 
 uint32_t cons_tail(const tovi_ring_t *r)
 {
-    return tovi::ring::load_relaxed(&r->cons.tail);
+    return tovi::ring::published_tail(r, false);
 }
 
 // `multi` is what a side not flagged single stores as its mode.

@@ -6,7 +6,8 @@
 // Slots [cons.tail, prod.tail) hold published objects; [prod.tail, prod.head)
 // are being written and [cons.tail, cons.head) being read. A slot is index
 // AND mask. One slot stays empty so that a full ring is told from an empty
-// one by the tails alone.
+// one by the tails alone. On a relaxed-tail side (below) read head and tail
+// as the positions in its 64-bit words.
 //
 // Both sides run one routine, transfer(): move the head (reserve), copy,
 // publish (move the tail). They differ only in which fields they use: the
@@ -20,9 +21,11 @@
 //              tail are 64-bit words in the general block, a position and a
 //              count each; a thread that finishes counts itself into the tail,
 //              and the last one out moves the tail position to the head, so
-//              nobody waits for the thread ahead. The 32-bit tail is a copy
-//              that only grows, for the other side and the queries; the 32-bit
-//              head of such a side stays unused.
+//              nobody waits for the thread ahead. The other side reads the
+//              tail word when it is relaxed-tail too; when it is single it
+//              runs the single code, which reads the 32-bit tail, so then the
+//              32-bit tail is kept as a copy that only grows. The 32-bit head
+//              of a relaxed-tail side stays unused.
 //
 // Ordering. The labels pair each atomic or fence with its partner:
 //   H1 -> H0   the head a thread claims (release) and the head the next
@@ -31,7 +34,9 @@
 //              so a free or used count cannot wrap to a huge value.
 //   T0 -> T1   a side's tail store (release) and the other side's tail load
 //              (acquire): the slots below the tail are written (producer) or
-//              read and free again (consumer).
+//              read and free again (consumer). On a relaxed-tail side T0 is
+//              the R0 that moves the position, and for a single other side
+//              also the raise of the 32-bit copy.
 //   F0         after the reservation, before the slot accesses: orders the
 //              T1 load and our claim before them.
 //   F1         after the slot accesses, before T0: orders them before the
@@ -179,6 +184,15 @@ TOVI_RING_INLINE uint32_t cnt_of(uint64_t word)
     return static_cast<uint32_t>(word >> 32);
 }
 
+// The published tail of the producer or consumer side: what the queries read.
+TOVI_RING_INLINE uint32_t published_tail(const tovi_ring_s *r, bool producer)
+{
+    const uint32_t mode = producer ? r->prod.sp_enqueue : r->cons.sc_dequeue;
+    if (mode == kRelaxedTail)
+        return pos_of(load_relaxed(producer ? &r->gen.rts_prod.tail : &r->gen.rts_cons.tail));
+    return load_relaxed(producer ? &r->prod.tail : &r->cons.tail);
+}
+
 // Calls `yield` after every `round` failed tests of `done`, and relaxes the
 // processor between the others.
 template <class Done, class Yield>
@@ -286,6 +300,8 @@ struct Ends {
     uint32_t *tail;
     const uint32_t *other_tail;
     RelaxedEnds *relaxed;
+    const RelaxedEnds *other_relaxed;
+    const uint32_t *other_mode;
     uint32_t mask;
     // Added to other_tail - head to count what this side may take: mask free
     // slots beyond the consumer tail for the producer, none for the consumer.
@@ -296,9 +312,11 @@ template <bool kProducer>
 TOVI_RING_INLINE Ends ends(tovi_ring_s *r)
 {
     if constexpr (kProducer)
-        return {&r->prod.head, &r->prod.tail, &r->cons.tail, &r->gen.rts_prod, r->prod.mask, r->prod.mask};
+        return {&r->prod.head,     &r->prod.tail,       &r->cons.tail, &r->gen.rts_prod,
+                &r->gen.rts_cons,  &r->cons.sc_dequeue, r->prod.mask,  r->prod.mask};
     else
-        return {&r->cons.head, &r->cons.tail, &r->prod.tail, &r->gen.rts_cons, r->cons.mask, 0};
+        return {&r->cons.head,    &r->cons.tail,       &r->prod.tail, &r->gen.rts_cons,
+                &r->gen.rts_prod, &r->prod.sp_enqueue, r->cons.mask,  0};
 }
 
 // A reservation: slots [head, head + n), and what was available when it was
@@ -307,6 +325,7 @@ struct Claim {
     uint32_t head;
     uint32_t n;
     uint32_t avail;
+    bool other_relaxed;  // kRelaxed: the other side publishes in its tail word
 };
 
 // How many of `want` to take from `avail`: all or none when kFixed, as many
@@ -351,14 +370,19 @@ TOVI_RING_INLINE bool move_head(const Ends &e, uint32_t want, Claim &c, Yield yi
     uint32_t head;
     uint32_t avail;
     uint32_t n;
+    bool other_relaxed = false;
     if constexpr (kSync == Sync::kRelaxed) {
         RelaxedEnds *s = e.relaxed;
         const uint32_t max_ahead = e.mask >> 3;
+        other_relaxed = *e.other_mode == kRelaxedTail;
         uint64_t word = load_acquire(&s->head);  // H0 (pairs with H1)
         for (;;) {
             word = wait_head_near_tail(s, word, max_ahead, yield);
             head = pos_of(word);
-            avail = e.base + load_acquire(e.other_tail) - head;  // T1 (pairs with T0)
+            // T1 (pairs with T0).
+            const uint32_t other_tail =
+                other_relaxed ? pos_of(load_acquire(&e.other_relaxed->tail)) : load_acquire(e.other_tail);
+            avail = e.base + other_tail - head;
             if (!fit<kFixed>(want, avail, n))
                 return false;
             // H1 on success; on failure the word is read again as H0.
@@ -386,12 +410,12 @@ TOVI_RING_INLINE bool move_head(const Ends &e, uint32_t want, Claim &c, Yield yi
             }
         }
     }
-    c = {head, n, avail};
+    c = {head, n, avail, other_relaxed};
     return true;
 }
 
-// kRelaxed: moves the 32-bit tail up to `pos` unless a later publication got
-// there first; it never moves back.
+// kRelaxed with a single other side: moves the 32-bit tail up to `pos` unless
+// a later publication got there first; it never moves back.
 TOVI_RING_INLINE void raise_tail(uint32_t *tail, uint32_t pos)
 {
     uint32_t seen = load_relaxed(tail);
@@ -409,6 +433,8 @@ TOVI_RING_INLINE void publish(const Ends &e, const Claim &c, Yield yield)
         RelaxedEnds *s = e.relaxed;
         uint64_t tail = load_relaxed(&s->tail);
         uint64_t next;
+        // R0 (pairs with R0 of the other finishers); when the position moves,
+        // also T0 for a relaxed-tail other side.
         do {
             // When every reservation counted in the head has now finished,
             // the tail may move to the head: ours was counted there, so the
@@ -416,9 +442,9 @@ TOVI_RING_INLINE void publish(const Ends &e, const Claim &c, Yield yield)
             const uint64_t head = load_relaxed(&s->head);
             const uint32_t done = cnt_of(tail) + 1;
             next = pos_cnt(done == cnt_of(head) ? pos_of(head) : pos_of(tail), done);
-        } while (!__atomic_compare_exchange_n(&s->tail, &tail, next, false, __ATOMIC_ACQ_REL,  // R0
+        } while (!__atomic_compare_exchange_n(&s->tail, &tail, next, false, __ATOMIC_ACQ_REL,
                                               __ATOMIC_RELAXED));
-        if (pos_of(next) != pos_of(tail))
+        if (!c.other_relaxed && pos_of(next) != pos_of(tail))
             raise_tail(e.tail, pos_of(next));
     } else {
         if constexpr (kSync == Sync::kInOrder)
