@@ -1,5 +1,13 @@
 // The lock-free ring: creation and the exported enqueue/dequeue calls, each
 // dispatching once on the side's mode to a specialised core.
+
+// The copy loops are a few instructions each; where they straddle a 32-byte
+// boundary (depending on where the functions happen to land) the uncontended
+// bulk calls take up to a fifth longer. Aligning loops and functions keeps
+// the cost from changing with unrelated edits.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC optimize("align-loops=32", "align-functions=64")
+#endif
 #include <cstdlib>
 #include <safe_mem_lib.h>
 
