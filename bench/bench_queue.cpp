@@ -4,6 +4,12 @@
 //   pair/<mode>/<n>/<ring>     one thread enqueues n objects and dequeues them
 //                              again: the uncontended cost of both sides
 //   threads/<mode>/<n>/<ring>  one producer thread and one consumer thread
+//   oversubscribed/<n>/<ring>  twice as many producers as processors and as
+//                              many consumers, multi-thread rings (ours and
+//                              rte_ring, each in-order and with relaxed tail
+//                              sync): objects taken per second in a fixed
+//                              window, while threads lose their processor
+//                              inside the ring
 //
 // rte_ring is set up with rte_ring_init on memory of our own, which needs no
 // EAL. It and ck_ring are header-inline and chosen per mode at compile time;
@@ -13,10 +19,15 @@
 // bench-link: ck
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <sched.h>
 #include <cstdlib>
 #include <string>
+#include <thread>
+#include <vector>
 
 // ck_ring.h is C: one of its paths returns `false` as a null pointer, which
 // C++ refuses; 0 means the same in both places it is used.
@@ -49,17 +60,30 @@ struct Tovi {
     }
 };
 
+// Multi-thread sides with relaxed tail sync; the single calls are those of
+// every ring.
+struct ToviRts : Tovi {
+    static constexpr const char *kName = "tovi_rts";
+    explicit ToviRts(bool) : Tovi(false)
+    {
+        tovi_ring_delete(&r);
+        r = tovi_ring_create_rts(kSlots, 0);
+    }
+};
+
+rte_ring *rte_make(unsigned flags)
+{
+    const ssize_t bytes = rte_ring_get_memsize(kSlots);
+    auto *r = static_cast<rte_ring *>(aligned_alloc(128, (static_cast<size_t>(bytes) + 127) / 128 * 128));
+    if (r == nullptr || rte_ring_init(r, "bench", kSlots, flags) != 0)
+        abort();
+    return r;
+}
+
 struct Rte {
     static constexpr const char *kName = "rte_ring";
     rte_ring *r;
-    explicit Rte(bool single)
-    {
-        const ssize_t bytes = rte_ring_get_memsize(kSlots);
-        r = static_cast<rte_ring *>(aligned_alloc(128, (static_cast<size_t>(bytes) + 127) / 128 * 128));
-        if (r == nullptr ||
-            rte_ring_init(r, "bench", kSlots, single ? RING_F_SP_ENQ | RING_F_SC_DEQ : 0) != 0)
-            abort();
-    }
+    explicit Rte(bool single) : r(rte_make(single ? RING_F_SP_ENQ | RING_F_SC_DEQ : 0)) {}
     ~Rte() { free(r); }
     template <bool kSingle>
     bool enq(const uint64_t *o, unsigned n)
@@ -78,6 +102,27 @@ struct Rte {
             return (kSingle ? rte_ring_sc_dequeue(r, objs) : rte_ring_mc_dequeue(r, objs)) == 0;
         return (kSingle ? rte_ring_sc_dequeue_bulk(r, objs, n, nullptr)
                         : rte_ring_mc_dequeue_bulk(r, objs, n, nullptr)) == n;
+    }
+};
+
+// rte_ring's relaxed tail sync on both sides, through its generic calls,
+// which dispatch on the mode the ring was made with.
+struct RteRts {
+    static constexpr const char *kName = "rte_ring_rts";
+    rte_ring *r;
+    explicit RteRts(bool) : r(rte_make(RING_F_MP_RTS_ENQ | RING_F_MC_RTS_DEQ)) {}
+    ~RteRts() { free(r); }
+    template <bool>
+    bool enq(const uint64_t *o, unsigned n)
+    {
+        auto objs = reinterpret_cast<void *const *>(o);
+        return n == 1 ? rte_ring_enqueue(r, objs[0]) == 0 : rte_ring_enqueue_bulk(r, objs, n, nullptr) == n;
+    }
+    template <bool>
+    bool deq(uint64_t *o, unsigned n)
+    {
+        auto objs = reinterpret_cast<void **>(o);
+        return n == 1 ? rte_ring_dequeue(r, objs) == 0 : rte_ring_dequeue_bulk(r, objs, n, nullptr) == n;
     }
 };
 
@@ -160,6 +205,93 @@ void threads(benchmark::State &state)
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kN);
 }
 
+// A side that finds nothing to do spins a little, then lets another thread
+// have the processor.
+void idle_wait(unsigned &idle)
+{
+    if (++idle % 256 == 0)
+        sched_yield();
+    else
+        rte_pause();
+}
+
+// Twice as many producers as processors and as many consumers, moving kN
+// objects a call, for a fixed window; the figure is the objects taken in it
+// per second. Afterwards the producers stop and the consumers drain the ring.
+// Long enough that some thread is preempted inside the ring most times.
+constexpr int kWindowMs = 1000;
+
+template <class Ring, unsigned kN>
+void oversubscribed(benchmark::State &state)
+{
+    using Clock = std::chrono::steady_clock;
+    const unsigned per_side = 2 * std::max(1u, std::thread::hardware_concurrency());
+    for (auto _ : state) {
+        Ring ring(false);
+        std::atomic<bool> stop{false};
+        std::atomic<uint64_t> stored{0};
+        std::atomic<uint64_t> taken{0};
+        std::atomic<unsigned> ready{0};
+        std::vector<std::thread> producers;
+        std::vector<std::thread> consumers;
+        for (unsigned i = 0; i < per_side; ++i) {
+            producers.emplace_back([&] {
+                uint64_t objs[kN];
+                for (unsigned k = 0; k < kN; ++k)
+                    objs[k] = k + 1;
+                unsigned idle = 0;
+                ready.fetch_add(1);
+                while (!stop.load(std::memory_order_relaxed)) {
+                    if (ring.template enq<false>(objs, kN))
+                        stored.fetch_add(kN, std::memory_order_relaxed);
+                    else
+                        idle_wait(idle);
+                }
+            });
+            consumers.emplace_back([&] {
+                uint64_t objs[kN];
+                unsigned idle = 0;
+                ready.fetch_add(1);
+                for (;;) {
+                    if (ring.template deq<false>(objs, kN)) {
+                        taken.fetch_add(kN, std::memory_order_relaxed);
+                        benchmark::DoNotOptimize(objs);
+                    } else if (stop.load() && taken.load() == stored.load()) {
+                        return;
+                    } else {
+                        idle_wait(idle);
+                    }
+                }
+            });
+        }
+        while (ready.load() < 2 * per_side)
+            sched_yield();
+        const auto start = Clock::now();
+        const uint64_t taken_before = taken.load();
+        std::this_thread::sleep_for(std::chrono::milliseconds(kWindowMs));
+        const uint64_t moved = taken.load() - taken_before;
+        const std::chrono::duration<double> window = Clock::now() - start;
+        stop = true;
+        for (auto &t : producers)
+            t.join();
+        for (auto &t : consumers)
+            t.join();
+        state.SetIterationTime(window.count());
+        state.counters["objects_per_second"] = static_cast<double>(moved) / window.count();
+        state.counters["threads"] = 2 * per_side;
+    }
+}
+
+template <class Ring, unsigned kN>
+void register_oversubscribed()
+{
+    benchmark::RegisterBenchmark(("oversubscribed/" + std::to_string(kN) + "/" + Ring::kName).c_str(),
+                                 oversubscribed<Ring, kN>)
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
 template <bool kSingle, unsigned kN>
 void register_mode()
 {
@@ -168,6 +300,10 @@ void register_mode()
     benchmark::RegisterBenchmark(("pair/" + suffix + Tovi::kName).c_str(), pair<Tovi, kSingle, kN>);
     benchmark::RegisterBenchmark(("pair/" + suffix + Rte::kName).c_str(), pair<Rte, kSingle, kN>);
     benchmark::RegisterBenchmark(("pair/" + suffix + Ck::kName).c_str(), pair<Ck, kSingle, kN>);
+    if constexpr (!kSingle) {
+        benchmark::RegisterBenchmark(("pair/" + suffix + ToviRts::kName).c_str(), pair<ToviRts, false, kN>);
+        benchmark::RegisterBenchmark(("pair/" + suffix + RteRts::kName).c_str(), pair<RteRts, false, kN>);
+    }
     benchmark::RegisterBenchmark(("threads/" + suffix + Tovi::kName).c_str(), threads<Tovi, kSingle, kN>)
         ->Threads(2)
         ->UseRealTime();
@@ -186,6 +322,14 @@ const int registered = [] {
     register_mode<false, 1>();
     register_mode<false, 8>();
     register_mode<false, 32>();
+    register_oversubscribed<Tovi, 1>();
+    register_oversubscribed<ToviRts, 1>();
+    register_oversubscribed<Rte, 1>();
+    register_oversubscribed<RteRts, 1>();
+    register_oversubscribed<Tovi, 8>();
+    register_oversubscribed<ToviRts, 8>();
+    register_oversubscribed<Rte, 8>();
+    register_oversubscribed<RteRts, 8>();
     return 0;
 }();
 

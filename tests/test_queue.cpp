@@ -1,6 +1,8 @@
 // The lock-free ring, one thread: creation, limits, result codes, the quota
 // rule, wrap-around of slots and of the 32-bit indexes, and a model check of
-// random operation sequences. The threaded stress is in test_queue_stress.cpp.
+// random operation sequences, each for both kinds of ring (in-order and
+// relaxed-tail multi-thread sides); then the relaxed-tail publication itself,
+// step by step. The threaded stress is in test_queue_stress.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +10,7 @@
 #include <deque>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_capture.hpp"
@@ -21,19 +24,45 @@ namespace {
 constexpr const char *kBadCount = "tovi_ring_create:uiCount must be a power of 2 or great than MAX";
 constexpr const char *kNullRing = "Tovi ring id is NULL.";
 
+using Create = tovi_ring_t *(*)(uint32_t, uint32_t);
+
+// The two kinds of ring, and what each stores as a multi-thread side's mode.
+struct Kind {
+    const char *name;
+    Create create;
+    uint32_t multi;
+};
+constexpr Kind kKinds[] = {{"in-order", tovi_ring_create, 0},
+                           {"relaxed-tail", tovi_ring_create_rts, tovi::ring::kRelaxedTail}};
+
+// Multi-thread sides of each kind, and single sides (the same on both).
+constexpr std::pair<Create, uint32_t> kModes[] = {
+    {tovi_ring_create, 0}, {tovi_ring_create_rts, 0}, {tovi_ring_create, 3}};
+
 // Owns a ring for the length of a test.
 struct Ring {
     tovi_ring_t *r;
-    Ring(uint32_t count, uint32_t flags) : r(tovi_ring_create(count, flags)) {}
+    Ring(uint32_t count, uint32_t flags, Create create = tovi_ring_create) : r(create(count, flags)) {}
     ~Ring() { tovi_ring_delete(&r); }
     tovi_ring_t *operator->() const { return r; }
     operator tovi_ring_t *() const { return r; }
 };
 
-// Moves all four indexes to `at`, as if that many objects had passed.
+// Moves all indexes to `at`, as if that many objects had passed.
 void set_indexes(tovi_ring_t *r, uint32_t at)
 {
     r->prod.head = r->prod.tail = r->cons.head = r->cons.tail = at;
+    for (auto *ends : {&r->gen.rts_prod, &r->gen.rts_cons})
+        ends->head = ends->tail = tovi::ring::pos_cnt(at, 0);
+}
+
+// Whether every reservation is published, in whichever words each side uses.
+bool settled(const tovi_ring_t *r)
+{
+    using tovi::ring::kRelaxedTail;
+    const auto &g = r->gen;
+    return (r->prod.sp_enqueue == kRelaxedTail ? g.rts_prod.head == g.rts_prod.tail : r->prod.head == r->prod.tail) &&
+           (r->cons.sc_dequeue == kRelaxedTail ? g.rts_cons.head == g.rts_cons.tail : r->cons.head == r->cons.tail);
 }
 
 std::vector<uint64_t> seq(uint64_t from, uint32_t n)
@@ -48,24 +77,27 @@ std::vector<uint64_t> seq(uint64_t from, uint32_t n)
 
 TEST(Queue, CreateRefusesCountsThatAreNotAPowerOfTwoBelowTheLimit)
 {
-    LogCapture cap;
-    for (uint32_t count : {0u, 6u, 3u, 0x10000000u, 0x80000000u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(tovi_ring_create(count, 0), nullptr) << count;
-    }
-    EXPECT_EQ(cap.texts(3), std::vector<std::string>(6, kBadCount));
-    EXPECT_EQ(cap.texts().size(), 6u);
+    for (const Kind &k : kKinds) {
+        SCOPED_TRACE(k.name);
+        LogCapture cap;
+        for (uint32_t count : {0u, 6u, 3u, 0x10000000u, 0x80000000u, 0xFFFFFFFFu}) {
+            EXPECT_EQ(k.create(count, 0), nullptr) << count;
+        }
+        EXPECT_EQ(cap.texts(3), std::vector<std::string>(6, kBadCount));
+        EXPECT_EQ(cap.texts().size(), 6u);
 
-    cap.clear();
-    Ring large(1u << 16, 0);
-    Ring one(1, 0);
-    EXPECT_NE(large.r, nullptr);
-    EXPECT_NE(one.r, nullptr);
-    EXPECT_TRUE(cap.texts().empty());
+        cap.clear();
+        Ring large(1u << 16, 0, k.create);
+        Ring one(1, 0, k.create);
+        EXPECT_NE(large.r, nullptr);
+        EXPECT_NE(one.r, nullptr);
+        EXPECT_TRUE(cap.texts().empty());
+    }
 }
 
 TEST(Queue, CreateLaysOutTheHeaderInFourBlocks)
 {
-    Ring ring(16, 0x41);  // bit 0 and an unknown bit
+    Ring ring(16, 0x41, tovi_ring_create_rts);  // bit 0 and an unknown bit
     tovi_ring_t *r = ring;
     ASSERT_NE(r, nullptr);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(r) % 128, 0u);
@@ -73,7 +105,7 @@ TEST(Queue, CreateLaysOutTheHeaderInFourBlocks)
     EXPECT_EQ(r->gen.flags, 0x41u) << "unknown bits are kept";
     EXPECT_EQ(r->prod.watermark, 16u);
     EXPECT_EQ(r->prod.sp_enqueue, 1u);
-    EXPECT_EQ(r->cons.sc_dequeue, 0u);
+    EXPECT_EQ(r->cons.sc_dequeue, tovi::ring::kRelaxedTail);
     for (auto [size, mask] : {std::pair{r->prod.size, r->prod.mask}, std::pair{r->cons.size, r->cons.mask},
                               std::pair{r->spare.size, r->spare.mask}}) {
         EXPECT_EQ(size, 16u);
@@ -88,12 +120,14 @@ TEST(Queue, FlagFourMeansBothSidesSingle)
     struct Case {
         uint32_t flags, stored, sp, sc;
     };
-    for (auto c : {Case{0, 0, 0, 0}, Case{1, 1, 1, 0}, Case{2, 2, 0, 2}, Case{3, 3, 1, 2}, Case{4, 3, 1, 2},
-                   Case{5, 5, 1, 0}, Case{6, 6, 0, 2}}) {
-        Ring r(8, c.flags);
-        EXPECT_EQ(r->gen.flags, c.stored) << c.flags;
-        EXPECT_EQ(r->prod.sp_enqueue, c.sp) << c.flags;
-        EXPECT_EQ(r->cons.sc_dequeue, c.sc) << c.flags;
+    for (const Kind &k : kKinds) {
+        for (auto c : {Case{0, 0, 0, 0}, Case{1, 1, 1, 0}, Case{2, 2, 0, 2}, Case{3, 3, 1, 2}, Case{4, 3, 1, 2},
+                       Case{5, 5, 1, 0}, Case{6, 6, 0, 2}}) {
+            Ring r(8, c.flags, k.create);
+            EXPECT_EQ(r->gen.flags, c.stored) << k.name << c.flags;
+            EXPECT_EQ(r->prod.sp_enqueue, c.sp ? c.sp : k.multi) << k.name << c.flags;
+            EXPECT_EQ(r->cons.sc_dequeue, c.sc ? c.sc : k.multi) << k.name << c.flags;
+        }
     }
 }
 
@@ -109,6 +143,8 @@ TEST(Queue, DeleteClearsThePointerAndMayBeRepeated)
 
 TEST(Queue, NullRingIsReportedByTheQueriesAndSingleObjectCalls)
 {
+    Ring ring(4, 2, tovi_ring_create_rts);
+    ASSERT_EQ(tovi_ring_enqueue(ring, 5), 0);
     LogCapture cap;
     uint64_t obj = 7;
     EXPECT_EQ(tovi_ring_full(nullptr), 0xFFFFFFFFu);
@@ -119,30 +155,37 @@ TEST(Queue, NullRingIsReportedByTheQueriesAndSingleObjectCalls)
     EXPECT_EQ(tovi_ring_enqueue(nullptr, obj), -1);
     EXPECT_EQ(tovi_ring_dequeue(nullptr, &obj), -1);
     EXPECT_EQ(obj, 7u);
-    EXPECT_EQ(cap.texts(3), std::vector<std::string>(7, kNullRing));
-    EXPECT_EQ(cap.texts().size(), 7u);
+    // A NULL destination is reported the same way, and takes nothing.
+    EXPECT_EQ(tovi_ring_dequeue(nullptr, nullptr), -1);
+    EXPECT_EQ(tovi_ring_dequeue(ring, nullptr), -1);
+    EXPECT_EQ(tovi_ring_count(ring), 1u);
+    EXPECT_EQ(cap.texts(3), std::vector<std::string>(9, kNullRing));
+    EXPECT_EQ(cap.texts().size(), 9u);
 }
 
 TEST(Queue, OneSlotRingIsAlwaysFull)
 {
-    Ring r(1, 0);
-    uint64_t objs[2] = {1, 2};
-    EXPECT_EQ(tovi_ring_size(r), 1u);
-    EXPECT_EQ(tovi_ring_full(r), 1u);
-    EXPECT_EQ(tovi_ring_empty(r), 1u);
-    EXPECT_EQ(tovi_ring_free_count(r), 0u);
-    EXPECT_EQ(tovi_ring_enqueue(r, 1), -105);
-    EXPECT_EQ(tovi_ring_enqueue_bulk(r, objs, 1), -105);
-    EXPECT_EQ(tovi_ring_enqueue_burst(r, objs, 2), 0u);
-    EXPECT_EQ(tovi_ring_dequeue(r, objs), -2);
-    EXPECT_EQ(tovi_ring_count(r), 0u);
-    EXPECT_EQ(r->prod.head, 0u) << "a refused enqueue reserves nothing";
+    for (const Kind &k : kKinds) {
+        SCOPED_TRACE(k.name);
+        Ring r(1, 0, k.create);
+        uint64_t objs[2] = {1, 2};
+        EXPECT_EQ(tovi_ring_size(r), 1u);
+        EXPECT_EQ(tovi_ring_full(r), 1u);
+        EXPECT_EQ(tovi_ring_empty(r), 1u);
+        EXPECT_EQ(tovi_ring_free_count(r), 0u);
+        EXPECT_EQ(tovi_ring_enqueue(r, 1), -105);
+        EXPECT_EQ(tovi_ring_enqueue_bulk(r, objs, 1), -105);
+        EXPECT_EQ(tovi_ring_enqueue_burst(r, objs, 2), 0u);
+        EXPECT_EQ(tovi_ring_dequeue(r, objs), -2);
+        EXPECT_EQ(tovi_ring_count(r), 0u);
+        EXPECT_TRUE(settled(r)) << "a refused enqueue reserves nothing";
+    }
 }
 
 TEST(Queue, EightSlotsHoldSevenAndBulkIsAllOrNothing)
 {
-    for (uint32_t flags : {0u, 3u}) {
-        Ring r(8, flags);
+    for (auto [create, flags] : kModes) {
+        Ring r(8, flags, create);
         for (uint64_t i = 0; i < 7; ++i) {
             EXPECT_EQ(tovi_ring_free_count(r), 7 - i);
             EXPECT_EQ(tovi_ring_enqueue(r, 100 + i), 0);
@@ -175,24 +218,27 @@ TEST(Queue, EightSlotsHoldSevenAndBulkIsAllOrNothing)
 
 TEST(Queue, EmptyRingGivesNothing)
 {
-    Ring r(8, 0);
-    uint64_t out[4] = {5, 5, 5, 5};
-    EXPECT_EQ(tovi_ring_dequeue(r, out), -2);
-    EXPECT_EQ(tovi_ring_dequeue_burst(r, out, 4), 0u);
-    EXPECT_EQ(tovi_ring_enqueue(r, 1), 0);
-    EXPECT_EQ(tovi_ring_dequeue_bulk(r, out, 2), -2);
-    EXPECT_EQ(out[0], 5u) << "a refused dequeue writes nothing";
-    EXPECT_EQ(r->cons.head, 0u);
-    // Zero objects: nothing to move, nothing refused.
-    EXPECT_EQ(tovi_ring_dequeue_bulk(r, out, 0), 0);
-    EXPECT_EQ(tovi_ring_enqueue_bulk(r, out, 0), 0);
-    EXPECT_EQ(tovi_ring_count(r), 1u);
+    for (const Kind &k : kKinds) {
+        SCOPED_TRACE(k.name);
+        Ring r(8, 0, k.create);
+        uint64_t out[4] = {5, 5, 5, 5};
+        EXPECT_EQ(tovi_ring_dequeue(r, out), -2);
+        EXPECT_EQ(tovi_ring_dequeue_burst(r, out, 4), 0u);
+        EXPECT_EQ(tovi_ring_enqueue(r, 1), 0);
+        EXPECT_EQ(tovi_ring_dequeue_bulk(r, out, 2), -2);
+        EXPECT_EQ(out[0], 5u) << "a refused dequeue writes nothing";
+        EXPECT_TRUE(settled(r));
+        // Zero objects: nothing to move, nothing refused.
+        EXPECT_EQ(tovi_ring_dequeue_bulk(r, out, 0), 0);
+        EXPECT_EQ(tovi_ring_enqueue_bulk(r, out, 0), 0);
+        EXPECT_EQ(tovi_ring_count(r), 1u);
+    }
 }
 
 TEST(Queue, IndexesWrapAround32Bits)
 {
-    for (uint32_t flags : {0u, 3u}) {
-        Ring r(16, flags);
+    for (auto [create, flags] : kModes) {
+        Ring r(16, flags, create);
         set_indexes(r, 0xFFFFFFF6u);  // slot 6, ten objects before the wrap
         uint64_t next_in = 0;
         uint64_t next_out = 0;
@@ -209,30 +255,32 @@ TEST(Queue, IndexesWrapAround32Bits)
                 ASSERT_EQ(buf[i], next_out++) << "round " << round;
             EXPECT_EQ(tovi_ring_empty(r), 1u);
         }
-        EXPECT_EQ(r->prod.tail, 0xFFFFFFF6u + 78u);
-        EXPECT_EQ(r->cons.tail, r->prod.tail);
+        EXPECT_EQ(tovi::ring::published_tail(r, true), 0xFFFFFFF6u + 78u);
+        EXPECT_EQ(tovi::ring::published_tail(r, false), 0xFFFFFFF6u + 78u);
     }
 }
 
 TEST(Queue, FullAndCountAreRightAcrossTheIndexWrap)
 {
-    Ring r(8, 3);
-    set_indexes(r, 0xFFFFFFFCu);
-    auto in = seq(1, 7);
-    ASSERT_EQ(tovi_ring_enqueue_bulk(r, in.data(), 7), 0);  // producer tail wraps to 3
-    EXPECT_EQ(r->prod.tail, 3u);
-    EXPECT_EQ(tovi_ring_count(r), 7u);
-    EXPECT_EQ(tovi_ring_full(r), 1u);
-    EXPECT_EQ(tovi_ring_enqueue(r, 8), -105);
-    uint64_t out[7];
-    ASSERT_EQ(tovi_ring_dequeue_bulk(r, out, 7), 0);
-    EXPECT_EQ(std::vector<uint64_t>(out, out + 7), in);
+    for (auto [create, flags] : kModes) {
+        Ring r(8, flags, create);
+        set_indexes(r, 0xFFFFFFFCu);
+        auto in = seq(1, 7);
+        ASSERT_EQ(tovi_ring_enqueue_bulk(r, in.data(), 7), 0);  // producer tail wraps to 3
+        EXPECT_EQ(tovi::ring::published_tail(r, true), 3u);
+        EXPECT_EQ(tovi_ring_count(r), 7u);
+        EXPECT_EQ(tovi_ring_full(r), 1u);
+        EXPECT_EQ(tovi_ring_enqueue(r, 8), -105);
+        uint64_t out[7];
+        ASSERT_EQ(tovi_ring_dequeue_bulk(r, out, 7), 0);
+        EXPECT_EQ(std::vector<uint64_t>(out, out + 7), in);
+    }
 }
 
 TEST(Queue, AboveTheWatermarkObjectsAreStoredButFlagged)
 {
-    for (uint32_t flags : {0u, 3u}) {
-        Ring r(8, flags);
+    for (auto [create, flags] : kModes) {
+        Ring r(8, flags, create);
         r->prod.watermark = 4;  // the rule counts the kept-empty slot: used + 1 > 4
         uint64_t objs[4] = {1, 2, 3, 4};
         EXPECT_EQ(tovi_ring_enqueue(r, 10), 0);
@@ -270,15 +318,15 @@ TEST(Queue, WaitingForEarlierReservationsYieldsAfterEachRoundOfTests)
 }
 
 // Random operation sequences against a double-ended queue with the same
-// capacity, for every mode, ring size, starting index (some near the 32-bit
-// wrap) and watermark.
+// capacity, for every kind and mode, ring size, starting index (some near the
+// 32-bit wrap) and watermark.
 TEST(Queue, RandomOperationsMatchAReferenceQueue)
 {
     std::mt19937 rng(20240611);
-    for (int trial = 0; trial < 48; ++trial) {
+    for (int trial = 0; trial < 96; ++trial) {
         const uint32_t size = 1u << (trial % 7);  // 1 .. 64
         const uint32_t flags = static_cast<uint32_t>(trial / 7) % 4;
-        Ring r(size, flags);
+        Ring r(size, flags, kKinds[trial / 48].create);
         ASSERT_NE(r.r, nullptr);
         const uint32_t start = trial % 2 ? 0xFFFFFFFFu - rng() % 200 : rng();
         set_indexes(r, start);
@@ -353,8 +401,47 @@ TEST(Queue, RandomOperationsMatchAReferenceQueue)
             ASSERT_EQ(tovi_ring_free_count(r), size - 1 - model.size());
             ASSERT_EQ(tovi_ring_empty(r), model.empty() ? 1u : 0u);
             ASSERT_EQ(tovi_ring_full(r), model.size() == size - 1 ? 1u : 0u);
-            ASSERT_EQ(r->prod.head, r->prod.tail);
-            ASSERT_EQ(r->cons.head, r->cons.tail);
+            ASSERT_TRUE(settled(r));
         }
     }
+}
+
+// Relaxed tail sync, step by step: a finisher ahead of an unfinished thread
+// publishes nothing; the last one out publishes both, in reservation order; a
+// head too far ahead of the tail waits (yielding) for them.
+TEST(Queue, RelaxedTailIsPublishedByTheLastThreadOut)
+{
+    using namespace tovi::ring;
+    // An eighth of 16: 1 object in flight beyond the tail. The single consumer
+    // reads the 32-bit copy of the tail.
+    Ring r(16, TOVI_RING_F_SC_DEQ, tovi_ring_create_rts);
+    set_indexes(r, 0xFFFFFFFEu);
+    const Ends e = ends<true>(r);
+    auto no_yield = [] { FAIL() << "nothing to wait for"; };
+    Claim a{}, b{};
+    ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 1, a, no_yield)));
+    ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 3, b, no_yield)));
+    const uint64_t objs[4] = {10, 20, 21, 22};
+    copy_in(r->slots(), e.mask, a.head, objs, 1);
+    copy_in(r->slots(), e.mask, b.head, objs + 1, 3);
+
+    publish<Sync::kRelaxed>(e, b, no_yield);  // b finishes first
+    EXPECT_EQ(tovi_ring_count(r), 0u) << "a's slot is not written as far as anyone knows";
+
+    // A third thread finds the head 4 ahead of the tail: it waits for a.
+    int yields = 0;
+    Claim c{};
+    ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 1, c, [&] {
+        if (++yields == 2)
+            publish<Sync::kRelaxed>(e, a, no_yield);
+    })));
+    EXPECT_EQ(yields, 2);
+    EXPECT_EQ(r->prod.tail, 2u) << "a and b published across the wrap";
+    uint64_t out[4];
+    ASSERT_EQ(tovi_ring_dequeue_burst(r, out, 4), 4u);
+    EXPECT_EQ(std::vector<uint64_t>(out, out + 4), std::vector<uint64_t>(objs, objs + 4));
+
+    uint32_t tail = 3;  // the 32-bit copy of the tail never moves back, even across the wrap
+    raise_tail(&tail, 0xFFFFFFFFu);
+    EXPECT_EQ(tail, 3u);
 }

@@ -1,6 +1,8 @@
 // The lock-free ring under several producers and consumers: nothing lost,
 // nothing duplicated, and each producer's objects reach every consumer in the
 // order they were stored. The indexes start just short of the 32-bit wrap.
+// Relaxed-tail rings also run with twice as many threads per side as there
+// are processors, so that threads are preempted inside the ring.
 // test-labels: concurrency
 #include <gtest/gtest.h>
 
@@ -8,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <random>
 #include <thread>
 #include <vector>
@@ -34,6 +37,7 @@ struct Config {
     int producers;
     int consumers;
     uint32_t size;
+    tovi_ring_t *(*create)(uint32_t, uint32_t) = tovi_ring_create;
 };
 
 // What one consumer saw: for each producer, the sequence numbers in order.
@@ -147,9 +151,12 @@ void consume(tovi_ring_t *r, int producers, std::atomic<uint32_t> &taken, uint32
 void run(const Config &c)
 {
     SCOPED_TRACE(c.name);
-    tovi_ring_t *r = tovi_ring_create(c.size, c.flags);
+    tovi_ring_t *r = c.create(c.size, c.flags);
     ASSERT_NE(r, nullptr);
-    r->prod.head = r->prod.tail = r->cons.head = r->cons.tail = 0xFFFFFFFFu - 3000;
+    constexpr uint32_t kStart = 0xFFFFFFFFu - 3000;
+    r->prod.head = r->prod.tail = r->cons.head = r->cons.tail = kStart;
+    for (auto *ends : {&r->gen.rts_prod, &r->gen.rts_cons})
+        ends->head = ends->tail = tovi::ring::pos_cnt(kStart, 0);
 
     const uint32_t total = kPerProducer * static_cast<uint32_t>(c.producers);
     std::atomic<uint32_t> taken{0};
@@ -173,7 +180,8 @@ void run(const Config &c)
             last = now;
             if (quiet == 1500) {
                 fprintf(stderr, "no progress for 30 s at %u of %u: prod %u/%u cons %u/%u\n", now, total,
-                        r->prod.head, r->prod.tail, r->cons.head, r->cons.tail);
+                        r->prod.head, tovi::ring::published_tail(r, true), r->cons.head,
+                        tovi::ring::published_tail(r, false));
                 abort();
             }
         }
@@ -186,7 +194,7 @@ void run(const Config &c)
     EXPECT_EQ(bad_results.load(), 0);
     EXPECT_EQ(taken.load(), total);
     EXPECT_EQ(tovi_ring_empty(r), 1u);
-    EXPECT_EQ(r->prod.tail, 0xFFFFFFFFu - 3000 + total);
+    EXPECT_EQ(tovi::ring::published_tail(r, true), kStart + total);
 
     // Per consumer, each producer's objects come in increasing order; over all
     // consumers, each object exactly once.
@@ -229,4 +237,14 @@ TEST(QueueStress, ManyProducersOneConsumer)
 TEST(QueueStress, OneProducerManyConsumers)
 {
     run({"sp/mc", 1, 1, 2, 32});
+}
+
+// Twice the processors (at least 4, at most 8) per multi-thread side.
+TEST(QueueStress, RelaxedTailWithMoreThreadsThanProcessors)
+{
+    const int n = static_cast<int>(std::clamp(2 * std::thread::hardware_concurrency(), 4u, 8u));
+    run({"rts mp/mc", 0, n, n, 64, tovi_ring_create_rts});
+    run({"rts mp/mc small", 0, n, n, 8, tovi_ring_create_rts});
+    run({"rts mp/sc", 2, n, 1, 32, tovi_ring_create_rts});
+    run({"rts sp/mc", 1, 1, n, 32, tovi_ring_create_rts});
 }

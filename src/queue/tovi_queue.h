@@ -10,10 +10,13 @@
  *
  * What the ring does not offer: a thread preempted between reservation and
  * publication holds up every later thread of its side, which spins (yielding
- * the processor every 0x8000000 tests) until it resumes. A side created
- * single-producer or single-consumer must be used by one thread at a time;
- * the ring does not check it. No lock, allocation or system call other than
- * that yield is made after creation.
+ * the processor every 0x8000000 tests) until it resumes. That cost is right
+ * for threads pinned one to a processor; where threads outnumber processors
+ * use a ring made by tovi_ring_create_rts, whose multi-thread sides do not
+ * wait for the thread ahead (see there). A side created single-producer or
+ * single-consumer must be used by one thread at a time; the ring does not
+ * check it. No lock, allocation or system call other than that yield is
+ * made after creation.
  *
  * One slot is always left empty: a ring of `count` slots holds at most
  * `count` - 1 objects.
@@ -32,8 +35,8 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* Flags of tovi_ring_create. The value 4 alone is taken as 3 (both
- * single); other bits are stored and ignored. */
+/* Flags of tovi_ring_create and tovi_ring_create_rts. The value 4 alone is
+ * taken as 3 (both single); other bits are stored and ignored. */
 #define TOVI_RING_F_SP_ENQ 0x1u /* one producer thread at a time */
 #define TOVI_RING_F_SC_DEQ 0x2u /* one consumer thread at a time */
 
@@ -49,6 +52,21 @@ typedef struct tovi_ring_s tovi_ring_t;
 /* A ring of `count` slots; count must be a power of two, non-zero and below
  * 0x10000000. NULL for a bad count (logged) or no memory. */
 TOVI_API tovi_ring_t *tovi_ring_create(uint32_t count, uint32_t flags);
+
+/* A ring for threads that may lose their processor while they hold a
+ * reservation (more threads than processors, no pinning). Same count rules,
+ * message and flags as tovi_ring_create; NULL for a bad count (logged) or no
+ * memory. A side flagged single behaves as on any ring. A multi-thread side
+ * uses relaxed tail sync: a thread that has copied its objects counts itself
+ * done and returns without waiting for the threads ahead of it; the last of
+ * the unfinished threads to finish publishes the objects of all. So a
+ * preempted thread delays only the visibility of objects stored (or the
+ * reuse of slots freed) after its own reservation, and the new reservations
+ * of its side once they run an eighth of the ring ahead of the published
+ * ones; those waiting threads yield every 64 tests. Objects still come out in
+ * the order their reservations were made. Every other call works on such a
+ * ring with the same results, and tovi_ring_delete frees it. */
+TOVI_API tovi_ring_t *tovi_ring_create_rts(uint32_t count, uint32_t flags);
 
 /* Frees *ring when neither ring nor *ring is NULL, and sets *ring to NULL. */
 TOVI_API void tovi_ring_delete(tovi_ring_t **ring);
@@ -71,11 +89,12 @@ TOVI_API uint32_t tovi_ring_size(const tovi_ring_t *ring);
  * a NULL ring (logged). */
 TOVI_API int32_t tovi_ring_enqueue(tovi_ring_t *ring, uint64_t obj);
 
-/* Takes the oldest object into *obj: 0, -2 (empty), -1 for a NULL ring
- * (logged). */
+/* Takes the oldest object into *obj: 0, -2 (empty), -1 for a NULL ring or
+ * a NULL obj (logged as a NULL ring; nothing is taken). */
 TOVI_API int32_t tovi_ring_dequeue(tovi_ring_t *ring, uint64_t *obj);
 
-/* The bulk and burst calls do not test the ring for NULL. */
+/* The bulk and burst calls are the hot path and test nothing: a NULL ring,
+ * or a NULL objs with n > 0, is the caller's fault and crashes. */
 
 /* Stores all n objects or none: 0, -105 (none stored), -122 (all stored,
  * above watermark). */

@@ -1,4 +1,4 @@
-// The ring's layout and its enqueue/dequeue cores, shared by the exported
+// The ring's layout and its enqueue/dequeue core, shared by the exported
 // functions and the tests.
 //
 // Invariants, all in free-running 32-bit arithmetic (indexes wrap):
@@ -6,15 +6,48 @@
 // Slots [cons.tail, prod.tail) hold published objects; [prod.tail, prod.head)
 // are being written and [cons.tail, cons.head) being read. A slot is index
 // AND mask. One slot stays empty so that a full ring is told from an empty
-// one by the tails alone.
+// one by the tails alone. On a relaxed-tail side (below) read head and tail
+// as the positions in its 64-bit words.
 //
-// Ordering: a side publishes with a release store of its tail and the other
-// side reads that tail with an acquire load; these carry the slot contents
-// across threads. The processor fences sit where the design puts its
-// barriers: between reading our head and the other side's tail (a tail read
-// older than the head would make the free or used count wrap to a huge
-// value), between the reservation and the slot accesses, and between the
-// slot accesses and the tail store.
+// Both sides run one routine, transfer(): move the head (reserve), copy,
+// publish (move the tail). They differ only in which fields they use: the
+// producer counts free slots as mask + cons.tail - prod.head, the consumer
+// stored objects as prod.tail - cons.head. Each side synchronises its own
+// threads in one of three ways (Sync):
+//   kSingle    one thread: the head is a plain store, the tail follows at once.
+//   kInOrder   threads claim the head by compare-and-swap and publish in claim
+//              order, each waiting for the one ahead (the default rings).
+//   kRelaxed   relaxed tail sync (rings of tovi_ring_create_rts): the head and
+//              tail are 64-bit words in the general block, a position and a
+//              count each; a thread that finishes counts itself into the tail,
+//              and the last one out moves the tail position to the head, so
+//              nobody waits for the thread ahead. The other side reads the
+//              tail word when it is relaxed-tail too; when it is single it
+//              runs the single code, which reads the 32-bit tail, so then the
+//              32-bit tail is kept as a copy that only grows. The 32-bit head
+//              of a relaxed-tail side stays unused.
+//
+// Ordering. The labels pair each atomic or fence with its partner:
+//   H1 -> H0   the head a thread claims (release) and the head the next
+//              thread of that side reads (acquire): the other side's tail
+//              read after H0 is then no older than the one behind that claim,
+//              so a free or used count cannot wrap to a huge value.
+//   T0 -> T1   a side's tail store (release) and the other side's tail load
+//              (acquire): the slots below the tail are written (producer) or
+//              read and free again (consumer). On a relaxed-tail side T0 is
+//              the R0 that moves the position, and for a single other side
+//              also the raise of the 32-bit copy.
+//   F0         after the reservation, before the slot accesses: orders the
+//              T1 load and our claim before them.
+//   F1         after the slot accesses, before T0: orders them before the
+//              publication.
+//   W0 -> W1   kInOrder: the tail stored by the thread ahead (release) and our
+//              wait for it (acquire), so what it published is ours to publish
+//              again.
+//   R0 <-> R0  kRelaxed: each finisher counts itself into the tail word with
+//              an acquire-release compare-and-swap, so the last one out has
+//              acquired every earlier finisher's slot accesses before its T0.
+// On x86 F0 and F1 only stop the compiler; on aarch64 they are barriers.
 #pragma once
 
 #include <cstddef>
@@ -29,14 +62,32 @@ namespace tovi::ring {
 // adjacent-line prefetch pairs).
 inline constexpr uint32_t kBlock = 128;
 inline constexpr uint32_t kMaxCount = 0x10000000;
-// Tests of the tail before a waiting producer or consumer yields.
+// kInOrder: tests of the tail before a waiting producer or consumer yields.
 inline constexpr uint32_t kSpinsPerYield = 0x8000000;
+// kRelaxed: tests before a thread whose head ran too far ahead of the tail
+// yields. Short, because the thread it waits for has usually lost its
+// processor: the point of the mode is to give it back quickly.
+inline constexpr uint32_t kRelaxedSpinsPerYield = 64;
 // Values of sp_enqueue and sc_dequeue that make a side single-threaded.
 inline constexpr uint32_t kSingleProducer = 1;
 inline constexpr uint32_t kSingleConsumer = 2;
+// Value of sp_enqueue or sc_dequeue for a multi-thread side with relaxed tail
+// sync; 0 means the in-order default.
+inline constexpr uint32_t kRelaxedTail = 0x10;
 
+// A relaxed-tail side's head and tail: position in the low half, count of
+// reservations (head) or finished ones (tail) in the high half.
+struct RelaxedEnds {
+    uint64_t head;
+    uint64_t tail;
+};
+
+// The flags, and in the spare space the relaxed-tail words, each side's on a
+// cache line of its own; a default ring never touches them.
 struct alignas(kBlock) General {
     uint32_t flags;
+    alignas(8) RelaxedEnds rts_prod;
+    alignas(64) RelaxedEnds rts_cons;
 };
 
 struct alignas(kBlock) Producer {
@@ -79,10 +130,14 @@ struct tovi_ring_s {
 static_assert(sizeof(tovi_ring_s) == 4 * tovi::ring::kBlock);
 static_assert(offsetof(tovi_ring_s, prod) == tovi::ring::kBlock);
 static_assert(offsetof(tovi_ring_s, cons) == 2 * tovi::ring::kBlock);
+static_assert(offsetof(tovi::ring::General, rts_prod) == 8);
+static_assert(offsetof(tovi::ring::General, rts_cons) == 64);
 
 namespace tovi::ring {
 
 #define TOVI_RING_INLINE [[gnu::always_inline]] inline
+
+enum class Sync { kSingle, kInOrder, kRelaxed };
 
 TOVI_RING_INLINE uint32_t load_relaxed(const uint32_t *p)
 {
@@ -104,16 +159,47 @@ TOVI_RING_INLINE void store_release(uint32_t *p, uint32_t v)
     __atomic_store_n(p, v, __ATOMIC_RELEASE);
 }
 
-// Waits until *tail equals `expected`, that is until every earlier
-// reservation of the same side is published: tests it `round` times, then
-// calls `yield` and starts another round. The acquire load pairs with the
-// release store of the thread ahead, so what it published is ours to
-// republish.
-template <class Yield>
-TOVI_RING_INLINE void wait_turn(const uint32_t *tail, uint32_t expected, uint32_t round, Yield yield)
+TOVI_RING_INLINE uint64_t load_relaxed(const uint64_t *p)
+{
+    return __atomic_load_n(p, __ATOMIC_RELAXED);
+}
+
+TOVI_RING_INLINE uint64_t load_acquire(const uint64_t *p)
+{
+    return __atomic_load_n(p, __ATOMIC_ACQUIRE);
+}
+
+TOVI_RING_INLINE uint64_t pos_cnt(uint32_t pos, uint32_t cnt)
+{
+    return static_cast<uint64_t>(cnt) << 32 | pos;
+}
+
+TOVI_RING_INLINE uint32_t pos_of(uint64_t word)
+{
+    return static_cast<uint32_t>(word);
+}
+
+TOVI_RING_INLINE uint32_t cnt_of(uint64_t word)
+{
+    return static_cast<uint32_t>(word >> 32);
+}
+
+// The published tail of the producer or consumer side: what the queries read.
+TOVI_RING_INLINE uint32_t published_tail(const tovi_ring_s *r, bool producer)
+{
+    const uint32_t mode = producer ? r->prod.sp_enqueue : r->cons.sc_dequeue;
+    if (mode == kRelaxedTail)
+        return pos_of(load_relaxed(producer ? &r->gen.rts_prod.tail : &r->gen.rts_cons.tail));
+    return load_relaxed(producer ? &r->prod.tail : &r->cons.tail);
+}
+
+// Calls `yield` after every `round` failed tests of `done`, and relaxes the
+// processor between the others.
+template <class Done, class Yield>
+TOVI_RING_INLINE void spin_until(Done done, uint32_t round, Yield yield)
 {
     uint32_t tests = 0;
-    while (load_acquire(tail) != expected) {
+    while (!done()) {
         if (++tests == round) {
             yield();
             tests = 0;
@@ -121,6 +207,16 @@ TOVI_RING_INLINE void wait_turn(const uint32_t *tail, uint32_t expected, uint32_
             arch::cpu_relax();
         }
     }
+}
+
+// kInOrder: waits until *tail equals `expected`, that is until every earlier
+// reservation of the same side is published: tests it `round` times, then
+// calls `yield` and starts another round.
+template <class Yield>
+TOVI_RING_INLINE void wait_turn(const uint32_t *tail, uint32_t expected, uint32_t round, Yield yield)
+{
+    // W1 (pairs with W0, the T0 store of the thread ahead).
+    spin_until([&] { return load_acquire(tail) == expected; }, round, yield);
 }
 
 // Copies a run of n objects four at a time, the remainder one by one. The
@@ -198,99 +294,204 @@ TOVI_RING_INLINE void copy_out(const uint64_t *slots, uint32_t mask, uint32_t he
     }
 }
 
-// Stores up to `want` objects: all or none when kFixed, as many as fit
-// otherwise. Returns the count stored, with TOVI_RING_QUOT_EXCEED set when
-// the ring is then above its watermark; 0 when nothing was reserved.
-template <bool kSingle, bool kFixed, class Yield>
-TOVI_RING_INLINE uint32_t enqueue(tovi_ring_s *r, const uint64_t *objs, uint32_t want, Yield yield)
+// The fields one side works with.
+struct Ends {
+    uint32_t *head;
+    uint32_t *tail;
+    const uint32_t *other_tail;
+    RelaxedEnds *relaxed;
+    const RelaxedEnds *other_relaxed;
+    const uint32_t *other_mode;
+    uint32_t mask;
+    // Added to other_tail - head to count what this side may take: mask free
+    // slots beyond the consumer tail for the producer, none for the consumer.
+    uint32_t base;
+};
+
+template <bool kProducer>
+TOVI_RING_INLINE Ends ends(tovi_ring_s *r)
 {
-    const uint32_t mask = r->prod.mask;
+    if constexpr (kProducer)
+        return {&r->prod.head,     &r->prod.tail,       &r->cons.tail, &r->gen.rts_prod,
+                &r->gen.rts_cons,  &r->cons.sc_dequeue, r->prod.mask,  r->prod.mask};
+    else
+        return {&r->cons.head,    &r->cons.tail,       &r->prod.tail, &r->gen.rts_cons,
+                &r->gen.rts_prod, &r->prod.sp_enqueue, r->cons.mask,  0};
+}
+
+// A reservation: slots [head, head + n), and what was available when it was
+// made.
+struct Claim {
     uint32_t head;
-    uint32_t free;
     uint32_t n;
-    for (;;) {
-        n = want;
-        head = load_relaxed(&r->prod.head);
-        // Our head before the consumer tail (see the top of this file).
-        arch::fence_acquire();
-        // Pairs with the consumer's release of cons.tail: the slots below it
-        // have been read and may be overwritten.
-        free = mask + load_acquire(&r->cons.tail) - head;
-        if (free < n) [[unlikely]] {
-            if (kFixed || free == 0)
-                return 0;
-            n = free;
-        }
-        if constexpr (kSingle) {
-            store_relaxed(&r->prod.head, head + n);
-            break;
-        } else {
-            // Claims [head, head + n) against the other producers' claims;
-            // fails and retries when one of them moved the head first. The
-            // slots are ordered by the fences, not by this exchange.
-            if (__atomic_compare_exchange_n(&r->prod.head, &head, head + n, false, __ATOMIC_ACQ_REL,
-                                            __ATOMIC_RELAXED))
+    uint32_t avail;
+    bool other_relaxed;  // kRelaxed: the other side publishes in its tail word
+};
+
+// How many of `want` to take from `avail`: all or none when kFixed, as many
+// as there are otherwise; false when nothing is to be reserved (want itself
+// may be 0: such a call moves nothing but is not refused).
+template <bool kFixed>
+TOVI_RING_INLINE bool fit(uint32_t want, uint32_t avail, uint32_t &n)
+{
+    n = want;
+    if (avail < n) [[unlikely]] {
+        if (kFixed || avail == 0)
+            return false;
+        n = avail;
+    }
+    return true;
+}
+
+// kRelaxed: waits while the head is more than `max_ahead` beyond the tail, so
+// that threads that keep arriving cannot keep the count of unfinished
+// reservations above zero for ever (the tail moves only when it reaches zero).
+// Returns the head word last read.
+template <class Yield>
+TOVI_RING_INLINE uint64_t wait_head_near_tail(RelaxedEnds *s, uint64_t head, uint32_t max_ahead, Yield yield)
+{
+    spin_until(
+        [&] {
+            if (pos_of(head) - pos_of(load_relaxed(&s->tail)) <= max_ahead)
+                return true;
+            head = load_acquire(&s->head);  // H0
+            return false;
+        },
+        kRelaxedSpinsPerYield, yield);
+    return head;
+}
+
+// Reserves slots for up to `want` objects into `c`; false when nothing is
+// reserved. The claim is worked out in locals (not in `c`, whose address would
+// then escape into the compare-and-swap and keep it in memory).
+template <Sync kSync, bool kFixed, class Yield>
+TOVI_RING_INLINE bool move_head(const Ends &e, uint32_t want, Claim &c, Yield yield)
+{
+    uint32_t head;
+    uint32_t avail;
+    uint32_t n;
+    bool other_relaxed = false;
+    if constexpr (kSync == Sync::kRelaxed) {
+        RelaxedEnds *s = e.relaxed;
+        const uint32_t max_ahead = e.mask >> 3;
+        other_relaxed = *e.other_mode == kRelaxedTail;
+        uint64_t word = load_acquire(&s->head);  // H0 (pairs with H1)
+        for (;;) {
+            word = wait_head_near_tail(s, word, max_ahead, yield);
+            head = pos_of(word);
+            // T1 (pairs with T0).
+            const uint32_t other_tail =
+                other_relaxed ? pos_of(load_acquire(&e.other_relaxed->tail)) : load_acquire(e.other_tail);
+            avail = e.base + other_tail - head;
+            if (!fit<kFixed>(want, avail, n))
+                return false;
+            // H1 on success; on failure the word is read again as H0.
+            if (__atomic_compare_exchange_n(&s->head, &word, pos_cnt(head + n, cnt_of(word) + 1), false,
+                                            __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
                 break;
         }
+    } else {
+        for (;;) {
+            head = load_relaxed(e.head);
+            // H0 (pairs with H1): our head before the other side's tail.
+            arch::fence_acquire();
+            avail = e.base + load_acquire(e.other_tail) - head;  // T1 (pairs with T0)
+            if (!fit<kFixed>(want, avail, n))
+                return false;
+            if constexpr (kSync == Sync::kSingle) {
+                store_relaxed(e.head, head + n);  // H1: one thread, program order
+                break;
+            } else {
+                // H1. Claims [head, head + n) against the other threads of this
+                // side; fails and retries when one of them moved the head first.
+                if (__atomic_compare_exchange_n(e.head, &head, head + n, false, __ATOMIC_ACQ_REL,
+                                                __ATOMIC_RELAXED))
+                    break;
+            }
+        }
     }
-    // Quota: whether the ring, with our n objects in, stands above its
-    // watermark; they are stored either way. n <= mask < 2^28 leaves bit 31
-    // free for the verdict. It uses only values already read, so it is
-    // worked out before the copy, which then has more registers to itself.
-    const uint32_t result = (mask + 1) - free + n > r->prod.watermark ? n | TOVI_RING_QUOT_EXCEED : n;
-    // The consumer tail read above before our writes into the slots it freed.
-    arch::fence_acquire();
-    copy_in(r->slots(), mask, head, objs, n);
-    // The slot writes before the tail store that publishes them.
-    arch::fence_release();
-    if constexpr (!kSingle)
-        wait_turn(&r->prod.tail, head, kSpinsPerYield, yield);
-    // Pairs with the consumer's acquire load of prod.tail.
-    store_release(&r->prod.tail, head + n);
+    c = {head, n, avail, other_relaxed};
+    return true;
+}
+
+// kRelaxed with a single other side: moves the 32-bit tail up to `pos` unless
+// a later publication got there first; it never moves back.
+TOVI_RING_INLINE void raise_tail(uint32_t *tail, uint32_t pos)
+{
+    uint32_t seen = load_relaxed(tail);
+    // T0 (pairs with T1). Positions are less than 2^28 apart, so the signed
+    // difference tells which is later across the wrap.
+    while (static_cast<int32_t>(pos - seen) > 0 &&
+           !__atomic_compare_exchange_n(tail, &seen, pos, true, __ATOMIC_RELEASE, __ATOMIC_RELAXED)) {
+    }
+}
+
+template <Sync kSync, class Yield>
+TOVI_RING_INLINE void publish(const Ends &e, const Claim &c, Yield yield)
+{
+    if constexpr (kSync == Sync::kRelaxed) {
+        RelaxedEnds *s = e.relaxed;
+        uint64_t tail = load_relaxed(&s->tail);
+        uint64_t next;
+        // R0 (pairs with R0 of the other finishers); when the position moves,
+        // also T0 for a relaxed-tail other side.
+        do {
+            // When every reservation counted in the head has now finished,
+            // the tail may move to the head: ours was counted there, so the
+            // head read here is at least as new as our claim.
+            const uint64_t head = load_relaxed(&s->head);
+            const uint32_t done = cnt_of(tail) + 1;
+            next = pos_cnt(done == cnt_of(head) ? pos_of(head) : pos_of(tail), done);
+        } while (!__atomic_compare_exchange_n(&s->tail, &tail, next, false, __ATOMIC_ACQ_REL,
+                                              __ATOMIC_RELAXED));
+        if (!c.other_relaxed && pos_of(next) != pos_of(tail))
+            raise_tail(e.tail, pos_of(next));
+    } else {
+        if constexpr (kSync == Sync::kInOrder)
+            wait_turn(e.tail, c.head, kSpinsPerYield, yield);
+        store_release(e.tail, c.head + c.n);  // T0 (pairs with T1); W0 for the thread behind
+    }
+}
+
+// Moves up to `want` objects between `objs` and the ring: all or none when
+// kFixed, as many as fit or are present otherwise. Returns the count moved;
+// for the producer with TOVI_RING_QUOT_EXCEED set when the ring is then above
+// its watermark. 0 when nothing was reserved.
+template <bool kProducer, Sync kSync, bool kFixed, class Objs, class Yield>
+TOVI_RING_INLINE uint32_t transfer(tovi_ring_s *r, Objs objs, uint32_t want, Yield yield)
+{
+    const Ends e = ends<kProducer>(r);
+    Claim c;
+    if (!move_head<kSync, kFixed>(e, want, c, yield))
+        return 0;
+    uint32_t result = c.n;
+    if constexpr (kProducer) {
+        // Quota: whether the ring, with our n objects in, stands above its
+        // watermark; they are stored either way. n <= mask < 2^28 leaves bit
+        // 31 free for the verdict. It uses only values already read, so it is
+        // worked out before the copy, which then has more registers to itself.
+        result = (e.mask + 1) - c.avail + c.n > r->prod.watermark ? c.n | TOVI_RING_QUOT_EXCEED : c.n;
+    }
+    arch::fence_acquire();  // F0
+    if constexpr (kProducer)
+        copy_in(r->slots(), e.mask, c.head, objs, c.n);
+    else
+        copy_out(r->slots(), e.mask, c.head, objs, c.n);
+    arch::fence_release();  // F1
+    publish<kSync>(e, c, yield);
     return result;
 }
 
-// Takes up to `want` objects: all or none when kFixed, as many as present
-// otherwise. Returns the count taken.
-template <bool kSingle, bool kFixed, class Yield>
+template <Sync kSync, bool kFixed, class Yield>
+TOVI_RING_INLINE uint32_t enqueue(tovi_ring_s *r, const uint64_t *objs, uint32_t want, Yield yield)
+{
+    return transfer<true, kSync, kFixed>(r, objs, want, yield);
+}
+
+template <Sync kSync, bool kFixed, class Yield>
 TOVI_RING_INLINE uint32_t dequeue(tovi_ring_s *r, uint64_t *objs, uint32_t want, Yield yield)
 {
-    const uint32_t mask = r->cons.mask;
-    uint32_t head;
-    uint32_t n;
-    for (;;) {
-        n = want;
-        head = load_relaxed(&r->cons.head);
-        // Our head before the producer tail (see the top of this file).
-        arch::fence_acquire();
-        // Pairs with the producer's release of prod.tail: the slots below it
-        // are written.
-        const uint32_t entries = load_acquire(&r->prod.tail) - head;
-        if (entries < n) [[unlikely]] {
-            if (kFixed || entries == 0)
-                return 0;
-            n = entries;
-        }
-        if constexpr (kSingle) {
-            store_relaxed(&r->cons.head, head + n);
-            break;
-        } else {
-            // Claims [head, head + n) against the other consumers' claims.
-            if (__atomic_compare_exchange_n(&r->cons.head, &head, head + n, false, __ATOMIC_ACQ_REL,
-                                            __ATOMIC_RELAXED))
-                break;
-        }
-    }
-    // The producer tail read above before our reads of the slots it published.
-    arch::fence_acquire();
-    copy_out(r->slots(), mask, head, objs, n);
-    // The slot reads before the tail store that hands the slots back.
-    arch::fence_release();
-    if constexpr (!kSingle)
-        wait_turn(&r->cons.tail, head, kSpinsPerYield, yield);
-    // Pairs with the producer's acquire load of cons.tail.
-    store_release(&r->cons.tail, head + n);
-    return n;
+    return transfer<false, kSync, kFixed>(r, objs, want, yield);
 }
 
 #undef TOVI_RING_INLINE
