@@ -13,6 +13,7 @@
 
 #include "tovi_arch.hpp"
 #include "tovi_companion.hpp"
+#define TOVI_LOG_SOURCE "tovi_companion_kernel"
 #include "tovi_log.hpp"
 
 namespace tovi::companion::kernel {

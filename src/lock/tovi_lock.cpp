@@ -12,6 +12,7 @@
 #include "tovi_arch.hpp"
 #include "tovi_lock.h"
 #include "tovi_lock.hpp"
+#define TOVI_LOG_SOURCE "tovi_lock"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_symbol.h"
@@ -247,7 +248,7 @@ __attribute__((noinline)) void debug_dump_stack(uint32_t skip)
     char text[3][kSymbolText];
     for (unsigned i = 0; i < 3; ++i)
         tovi_symbol_addr_to_string(reinterpret_cast<uintptr_t>(address[i]), text[i], sizeof text[i]);
-    vrlog_original("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).", tovi_thrd_gettid_accl(), address[0],
+    TOVI_LOG_RAW("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).", tovi_thrd_gettid_accl(), address[0],
                    text[0], address[1], text[1], address[2], text[2]);
 }
 

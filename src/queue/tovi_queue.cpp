@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <safe_mem_lib.h>
 
+#define TOVI_LOG_SOURCE "tovi_ring"
 #include "tovi_log.hpp"
 #include "tovi_queue.h"
 #include "tovi_queue.hpp"

@@ -27,6 +27,7 @@
 #include <safe_str_lib.h>
 
 #include "tovi_jiffies.h"
+#define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
 #include "tovi_mem.h"
 #include "tovi_thread.hpp"

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#define TOVI_LOG_SOURCE "tovi_timer"
 #include "tovi_log.hpp"
 #include "tovi_thread.h"
 #include "tovi_time.h"
