@@ -24,9 +24,15 @@ constexpr size_t kPathMax = 128;
 constexpr size_t kValueMax = 32;
 constexpr const char *kUioDir = "/sys/devices/platform/jiffies_uio/uio/";
 
-// Finds the device's name ("uio<N>") under the platform directory.
+}  // namespace
+
+// Finds the device's name ("uio<N>") under the platform directory. The name
+// is empty until one is found, so the failure reports show an empty name
+// whatever the caller's buffer held.
 uint32_t tovi_get_child_dir(char *child, size_t size)
 {
+    if (size != 0)
+        child[0] = '\0';
     DIR *dir = opendir(kUioDir);
     if (dir == nullptr) {
         TOVI_LOG(log::kError, "Tovi jiffies get child dir (%s) failed, errno=%d.", child, errno);
@@ -48,6 +54,8 @@ uint32_t tovi_get_child_dir(char *child, size_t size)
     closedir(dir);
     return 0;
 }
+
+namespace {
 
 int open_map_file(const char *child, const char *file)
 {
