@@ -23,6 +23,7 @@
 #define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
 #include "tovi_mem.h"
+#include "tovi_scope.hpp"
 #include "tovi_thread.hpp"
 
 __thread tovi_thread_s *m_current_thread TOVI_TLS_IE = nullptr;
@@ -134,10 +135,7 @@ void run(tovi_thread_s *rec, bool map_now)
     tovi::thrd::adopt(rec, map_now);
     tovi::thrd::set_state(rec, TOVI_THREAD_RUNNING);
     // Also when the routine leaves by pthread_exit (forced unwinding).
-    struct Leave {
-        tovi_thread_s *rec;
-        ~Leave() { tovi::thrd::leave(rec); }
-    } leave{rec};
+    tovi::ScopeExit leave([rec] { tovi::thrd::leave(rec); });
     rec->start_routine(rec->arg);
 }
 
@@ -252,6 +250,10 @@ uint32_t create(tovi_thread_fn fn, void *arg, void *(*trampoline)(void *), pthre
         pthread_attr_init(&own);
         use = &own;
     }
+    tovi::ScopeExit destroy_own([&] {
+        if (use == &own)
+            pthread_attr_destroy(&own);
+    });
     uint32_t result = 0;
     int ret = pthread_attr_setdetachstate(use, PTHREAD_CREATE_DETACHED);
     if (ret != 0) {
@@ -272,8 +274,6 @@ uint32_t create(tovi_thread_fn fn, void *arg, void *(*trampoline)(void *), pthre
         set_state(rec, TOVI_THREAD_FINISHED);
         tovi_thrd_putthreadinfo(rec);
     }
-    if (use == &own)
-        pthread_attr_destroy(&own);
     return result;
 }
 

@@ -11,6 +11,7 @@
 
 #define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
+#include "tovi_scope.hpp"
 #include "tovi_thread.hpp"
 
 namespace {
@@ -104,6 +105,7 @@ uint32_t tovi_get_process_name(char *buf)
     FILE *status = std::fopen(path, "r");
     if (status == nullptr)
         return TOVI_ERR;
+    tovi::ScopeExit close_status([status] { std::fclose(status); });
     char line[256];
     uint32_t ret = TOVI_ERR;
     while (std::fgets(line, sizeof line, status) != nullptr) {
@@ -114,7 +116,6 @@ uint32_t tovi_get_process_name(char *buf)
             break;
         }
     }
-    std::fclose(status);
     return ret;
 }
 

@@ -2,6 +2,7 @@
 // stack, a light-weight thread's stack through the registered hook, and the
 // main thread's "[stack]" mapping.
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <sys/mman.h>
@@ -10,6 +11,7 @@
 
 #define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
+#include "tovi_scope.hpp"
 #include "tovi_thread.hpp"
 
 namespace {
@@ -41,14 +43,16 @@ bool inside(uint64_t sp, uint64_t low, uint64_t high)
     return high != 0 && sp >= low && sp <= high;
 }
 
-// The "[stack]" mapping of this process (the main thread's stack).
-uint32_t main_stack(uint64_t *start, uint64_t *end)
+// The "[stack]" mapping of this process (the main thread's stack): 0 or a
+// negated errno.
+int main_stack(uint64_t *start, uint64_t *end)
 {
     FILE *maps = std::fopen("/proc/self/maps", "r");
     if (maps == nullptr)
-        return TOVI_ERR;
+        return -errno;
+    tovi::ScopeExit close_maps([maps] { std::fclose(maps); });
     char line[512];
-    uint32_t ret = TOVI_ERR;
+    int ret = -ENOENT;
     while (std::fgets(line, sizeof line, maps) != nullptr) {
         unsigned long lo = 0;
         unsigned long hi = 0;
@@ -59,7 +63,6 @@ uint32_t main_stack(uint64_t *start, uint64_t *end)
             break;
         }
     }
-    std::fclose(maps);
     return ret;
 }
 
@@ -171,7 +174,7 @@ uint32_t tovi_thread_get_specific_stack(int32_t tid, uint64_t *start, uint64_t *
     if (tovi_thrd_getosstack(tid, start, end) == 0)
         return 0;
     const int32_t who = tid != 0 ? tid : tovi_thrd_gettid_accl();
-    return who == tovi_thrd_getpid_accl() ? main_stack(start, end) : TOVI_ERR;
+    return who == tovi_thrd_getpid_accl() ? tovi::to_all_ones(main_stack(start, end)) : TOVI_ERR;
 }
 
 }  // extern "C"
