@@ -16,6 +16,7 @@
 #include "child.hpp"
 #include "log_capture.hpp"
 #include "tovi_companion.h"
+#include "tovi_companion.hpp"
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
 #include "tovi_time.h"
@@ -165,4 +166,14 @@ TEST(JiffiesKernel, MissingDeviceNodeFailsWithoutAMessage)
     if (rc == kSkip)
         GTEST_SKIP() << "no private mount namespace here";
     EXPECT_EQ(rc, 0);
+}
+
+// ---- the device name in failure reports ----
+
+TEST(JiffiesKernel, ChildDirFailureReportsAnEmptyNameWhateverTheBufferHeld)
+{
+    LogCapture cap;
+    char child[128] = "stale";
+    EXPECT_EQ(tovi::companion::kernel::tovi_get_child_dir(child, sizeof child), 0xFFFFFFFFu);
+    EXPECT_EQ(cap.texts(), (Texts{"Tovi jiffies get child dir () failed, errno=2."}));
 }

@@ -19,6 +19,7 @@
 #include "log_capture.hpp"
 #include "tovi_lock.h"
 #include "tovi_thread.h"
+#include "tovi_arch.hpp"
 #include "tovi_lock.hpp"
 #include "tovi_symbol.h"
 #include "tovi_time.h"
@@ -909,4 +910,52 @@ TEST(TicketRwLock, ExcludesUnderContention)
     EXPECT_EQ(static_cast<uint32_t>(l.serving), static_cast<uint32_t>(l.tickets));
     EXPECT_EQ(l.serving >> 32, l.tickets >> 32);
     EXPECT_EQ(static_cast<long>(l.tickets >> 32), a);
+}
+
+// ---- flags words and frame walks under stress ----
+
+TEST(SpinLock, ConcurrentSetAndClearOfOtherBitsLoseNothing)
+{
+    std::atomic<bool> lost{false};
+    auto toggle = [&lost](uint64_t bit) {
+        uint64_t flags = 0;
+        for (int i = 0; i < 1000000 && !lost.load(std::memory_order_relaxed); ++i) {
+            tovi_spinlock_set_flags(bit);
+            tovi_spinlock_get_flags(&flags);
+            bool set = (flags & bit) != 0;
+            tovi_spinlock_clear_flags(bit);
+            tovi_spinlock_get_flags(&flags);
+            if (!set || (flags & bit) != 0)
+                lost = true;
+        }
+    };
+    std::vector<std::thread> threads;
+    for (unsigned bit = 40; bit < 44; ++bit)
+        threads.emplace_back(toggle, uint64_t{1} << bit);
+    for (auto &t : threads)
+        t.join();
+    EXPECT_FALSE(lost.load());
+}
+
+// Bends its own saved frame pointer to an address that is no frame record
+// (not aligned) while the report runs, then puts it back.
+extern "C" __attribute__((noinline)) void tovi_test_dump_bent_link()
+{
+    auto *record = const_cast<tovi::arch::FrameRecord *>(tovi::arch::frame_pointer());
+    auto *link = reinterpret_cast<volatile uintptr_t *>(&record->next);
+    const uintptr_t saved = *link;
+    *link = reinterpret_cast<uintptr_t>(record) + 4;
+    debug_dump_stack(1);
+    *link = saved;
+}
+
+TEST(DumpStack, StopsAtALinkThatIsNoFrameRecord)
+{
+    LogCapture cap;
+    tovi_test_dump_bent_link();
+    auto lines = stack_lines(cap);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].address[0], "(nil)");
+    EXPECT_EQ(lines[0].address[1], "(nil)");
+    EXPECT_EQ(lines[0].address[2], "(nil)");
 }

@@ -35,8 +35,9 @@ inline void cpu_relax()
 
 // The lock-free structures place a full barrier (dmb ish) where they need
 // acquire or release ordering between plain accesses. The lighter dmb ishld /
-// ishst forms would do; the full barrier is kept on purpose, so that the
-// platform build orders exactly as it always has.
+// ishst forms would do for today's pairs; the full barrier orders loads and
+// stores in both directions, so a fence stays correct when an access is added
+// on its other side, and costs little beside the atomics it sits with.
 inline void fence_acquire()
 {
     asm volatile("dmb ish" ::: "memory");

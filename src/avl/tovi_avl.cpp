@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "tovi_avl.h"
+#define TOVI_LOG_SOURCE "tovi_avl"
 #include "tovi_log.hpp"
 
 namespace {

@@ -1,8 +1,35 @@
 /*
  * Definitions shared by every public header of the library.
  *
- * Result convention: 0 is success; most functions return TOVI_ERR (all ones
- * in 32 bits) on failure, the data structures negated errno values.
+ * Results. 0 is success everywhere. Failures come in the families the
+ * callers were built against, one per function, never mixed:
+ *
+ *   family          on failure                 functions (examples by module)
+ *   --------------  -------------------------  ------------------------------------------
+ *   all ones        TOVI_ERR (0xFFFFFFFF)      uint32_t status results: tovi_Init,
+ *                                              jiffies_usr_main, thread creation, pools,
+ *                                              names and stack lookups,
+ *                                              tovi_thread_watch_del/_get, tovi_symbol_init,
+ *                                              tovi_sched_init, tovi_sched_setaffinity,
+ *                                              tovi_set_process_name
+ *   minus one       -1                         int/int32_t results: tovi_cfg_* (and -10000
+ *                                              for a buffer too small), tovi_timer_*,
+ *                                              tovi_thread_watch_add, AVL trees,
+ *                                              tovi_symbol_find/_addr_to_string,
+ *                                              tovi_cpum_parse_cpumask, the logging wrappers
+ *   negated errno   -EINVAL, -EEXIST, ...      hash tables, semaphores (TOVI_SEM_EINTR,
+ *                                              TOVI_SEM_ETIME), rings (TOVI_RING_ENOBUFS,
+ *                                              TOVI_RING_EDQUOT, TOVI_RING_ENOENT)
+ *   error number    the positive errno value   tovi_key_*, tovi_pthread_init_once,
+ *                                              tovi_mtx_init, tovi_wake_up_process
+ *   count           how many, never negative   ring bursts and counts, bit weights,
+ *                                              tovi_get_avl_node_num; tovi_timer_list_pending
+ *                                              (-1 when it cannot count)
+ *   pointer         NULL                       look-ups and constructors returning records
+ *
+ * Inside the library a failure is carried as a negated errno (or false /
+ * NULL) and turned into the function's family at the exported boundary
+ * (tovi::to_all_ones, tovi::to_minus_one in tovi_scope.hpp).
  */
 #ifndef TOVI_BASE_H
 #define TOVI_BASE_H

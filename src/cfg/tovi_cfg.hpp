@@ -126,17 +126,17 @@ bool valid_name(const char *s, size_t len);
 // The records around list links.
 inline CfgFileNode *file_of(list::Node *n)
 {
-    return reinterpret_cast<CfgFileNode *>(reinterpret_cast<char *>(n) - offsetof(CfgFileNode, stList));
+    return list::entry<CfgFileNode>(n, offsetof(CfgFileNode, stList));
 }
 
 inline CfgSectionNode *section_of(list::Node *n)
 {
-    return reinterpret_cast<CfgSectionNode *>(reinterpret_cast<char *>(n) - offsetof(CfgSectionNode, stList));
+    return list::entry<CfgSectionNode>(n, offsetof(CfgSectionNode, stList));
 }
 
 inline CfgItemNode *item_of(list::Node *n)
 {
-    return reinterpret_cast<CfgItemNode *>(reinterpret_cast<char *>(n) - offsetof(CfgItemNode, stList));
+    return list::entry<CfgItemNode>(n, offsetof(CfgItemNode, stList));
 }
 
 // ---- Nodes (callers hold the node's write lock where they change it, a

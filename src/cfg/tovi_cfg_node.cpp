@@ -16,7 +16,8 @@
 #include <safe_str_lib.h>
 
 #include "tovi_cfg.hpp"
-#include "tovi_cfg_log.hpp"
+#define TOVI_LOG_SOURCE "tovi_cfg"
+#include "tovi_log.hpp"
 #include "tovi_lock.h"
 #include "tovi_lock.hpp"
 #include "tovi_mem.h"

@@ -12,7 +12,8 @@
 #include "tovi_cfg.hpp"
 #include "tovi_lock.h"
 #include "tovi_lock.hpp"
-#include "tovi_cfg_log.hpp"
+#define TOVI_LOG_SOURCE "tovi_cfg"
+#include "tovi_log.hpp"
 #include "tovi_mem.h"
 
 namespace tovi::cfg {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "tovi_arch.hpp"
+#define TOVI_LOG_SOURCE "tovi_companion"
 #include "tovi_log.hpp"
 
 namespace tovi::companion {

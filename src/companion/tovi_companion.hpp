@@ -11,6 +11,7 @@
 // /proc/kar/syscall).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "tovi_jiffies.h"
@@ -39,6 +40,8 @@ uint32_t jiffies_map(tovi_jiffies_uio_s *uio);
 namespace kernel {
 long syscall(uint32_t cmd, long a1, long a2, long a3);
 uint32_t jiffies_map(tovi_jiffies_uio_s *uio);
+// Writes the UIO device's name ("uio<N>") into `child`; 0 or 0xFFFFFFFF.
+uint32_t tovi_get_child_dir(char *child, size_t size);
 }  // namespace kernel
 
 namespace user {

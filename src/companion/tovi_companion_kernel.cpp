@@ -13,7 +13,9 @@
 
 #include "tovi_arch.hpp"
 #include "tovi_companion.hpp"
+#define TOVI_LOG_SOURCE "tovi_companion_kernel"
 #include "tovi_log.hpp"
+#include "tovi_scope.hpp"
 
 namespace tovi::companion::kernel {
 namespace {
@@ -23,14 +25,21 @@ constexpr size_t kPathMax = 128;
 constexpr size_t kValueMax = 32;
 constexpr const char *kUioDir = "/sys/devices/platform/jiffies_uio/uio/";
 
-// Finds the device's name ("uio<N>") under the platform directory.
+}  // namespace
+
+// Finds the device's name ("uio<N>") under the platform directory. The name
+// is empty until one is found, so the failure reports show an empty name
+// whatever the caller's buffer held.
 uint32_t tovi_get_child_dir(char *child, size_t size)
 {
+    if (size != 0)
+        child[0] = '\0';
     DIR *dir = opendir(kUioDir);
     if (dir == nullptr) {
         TOVI_LOG(log::kError, "Tovi jiffies get child dir (%s) failed, errno=%d.", child, errno);
         return TOVI_ERR;
     }
+    ScopeExit close_dir([dir] { closedir(dir); });
     errno = 0;
     const dirent *entry;
     while ((entry = readdir(dir)) != nullptr)
@@ -38,15 +47,15 @@ uint32_t tovi_get_child_dir(char *child, size_t size)
             break;
     if (entry == nullptr) {
         int err = errno;
-        closedir(dir);
         TOVI_LOG(log::kError, "Tovi jiffies get child dir (%s) failed, errno=%d.", child, err);
         return TOVI_ERR;
     }
     if (strcpy_s(child, size, entry->d_name) != EOK)
         TOVI_LOG(log::kError, "strcpy_s failed.");
-    closedir(dir);
     return 0;
 }
+
+namespace {
 
 int open_map_file(const char *child, const char *file)
 {
@@ -95,6 +104,8 @@ uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
     if (fds[0] < 0)
         return TOVI_ERR;
     uio->dev_fd = fds[0];
+    // The mapping outlives the descriptors: they are closed on every way out.
+    ScopeExit close_fds([&fds] { close_all(fds, 4); });
 
     static const char *const files[] = {"addr", "size", "offset"};
     static const char *const failures[] = {"Tovi jiffies open addr_fd map failed, errno=%d.",
@@ -105,7 +116,6 @@ uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
         fds[i + 1] = open_map_file(child, files[i]);
         if (fds[i + 1] < 0) {
             TOVI_LOG(log::kError, failures[i], errno);
-            close_all(fds, 4);
             return TOVI_ERR;
         }
         read_value(fds[i + 1], values[i]);
@@ -117,7 +127,6 @@ uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
     void *base = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE, fds[0], 0);
     if (base == MAP_FAILED) {
         TOVI_LOG(log::kError, "Tovi jiffies mmap2, errno=%d.", errno);
-        close_all(fds, 4);
         return TOVI_ERR;
     }
     uio->addr_fd = fds[1];
@@ -126,8 +135,6 @@ uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
     uio->phys_addr = addr;
     uio->size = static_cast<uint64_t>(size);
     uio->jiffies = reinterpret_cast<volatile uint64_t *>(static_cast<char *>(base) + offset);
-    // The mapping outlives the descriptors.
-    close_all(fds, 4);
     return 0;
 }
 

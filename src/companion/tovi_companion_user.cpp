@@ -9,7 +9,8 @@
 #include <unistd.h>
 
 #include "tovi_companion.hpp"
-#include "vrlog.h"
+#define TOVI_LOG_SOURCE "tovi_companion_user"
+#include "tovi_log.hpp"
 
 namespace tovi::companion::user {
 namespace {
@@ -90,7 +91,7 @@ long mem_dump(long, long, long)
     for (uint32_t m = 0; m < sizeof g_mem_usage / sizeof g_mem_usage[0]; ++m) {
         uint64_t used = __atomic_load_n(&g_mem_usage[m], __ATOMIC_ACQUIRE);  // pairs with the allocator's adds
         if (used != 0)
-            vrlog_original("Memory of module %u: %llu bytes in use.", m, static_cast<unsigned long long>(used));
+            TOVI_LOG_RAW("Memory of module %u: %llu bytes in use.", m, static_cast<unsigned long long>(used));
     }
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <safe_str_lib.h>
 
 #include "tovi_cpumask.h"
+#define TOVI_LOG_SOURCE "tovi_cpumask"
 #include "tovi_log.hpp"
 
 namespace {

@@ -6,6 +6,7 @@
 #include "tovi_hash.h"
 #include "tovi_hash.hpp"
 #include "tovi_list.hpp"
+#define TOVI_LOG_SOURCE "tovi_hash"
 #include "tovi_log.hpp"
 
 namespace {
@@ -37,9 +38,11 @@ Node *as_list(tovi_hash_node_s *node)
     return reinterpret_cast<Node *>(node);
 }
 
+constexpr std::size_t kLinks = offsetof(tovi_hash_node_s, next);
+
 tovi_hash_node_s *as_node(Node *n)
 {
-    return reinterpret_cast<tovi_hash_node_s *>(n);
+    return tovi::list::entry<tovi_hash_node_s>(n, kLinks);
 }
 
 Node *bucket_of(const tovi_hash_table_s *table, uint32_t key32, uint64_t key64)
@@ -52,8 +55,7 @@ Node *bucket_of(const tovi_hash_table_s *table, uint32_t key32, uint64_t key64)
 
 tovi_hash_node_s *find_in(Node *head, uint32_t key32, uint64_t key64)
 {
-    for (Node *p = head->next; p != head; p = p->next) {
-        tovi_hash_node_s *node = as_node(p);
+    for (tovi_hash_node_s *node : tovi::list::for_each_entry<tovi_hash_node_s>(head, kLinks)) {
         if (node->key32 == key32 && node->key64 == key64)
             return node;
     }
@@ -65,18 +67,16 @@ tovi_hash_node_s *find_in(Node *head, uint32_t key32, uint64_t key64)
 void unlink(Node *n)
 {
     tovi::list::check_links(n);
-    tovi::list::del(n);
-    tovi::list::init(n);
+    tovi::list::del_init(n);
 }
 
 template <typename Visit>
 int32_t walk(tovi_hash_table_s *table, uint8_t stop, Visit visit)
 {
     for (uint32_t b = 0; b < table->bucketCount; ++b) {
-        Node *head = as_list(&table->buckets[b]);
-        for (Node *p = head->next, *next; p != head; p = next) {
-            next = p->next;  // read first: the callback may remove p
-            int32_t ret = visit(as_node(p));
+        // The iteration reads the successor first: the callback may remove its node.
+        for (tovi_hash_node_s *node : tovi::list::for_each_entry<tovi_hash_node_s>(as_list(&table->buckets[b]), kLinks)) {
+            int32_t ret = visit(node);
             if (ret != 0 && stop != 0)
                 return ret;
         }

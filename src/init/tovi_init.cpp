@@ -10,6 +10,7 @@
 #include "tovi_bitop.h"
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
+#define TOVI_LOG_SOURCE "tovi_init"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_schedwork.h"

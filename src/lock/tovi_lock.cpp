@@ -12,6 +12,7 @@
 #include "tovi_arch.hpp"
 #include "tovi_lock.h"
 #include "tovi_lock.hpp"
+#define TOVI_LOG_SOURCE "tovi_lock"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_symbol.h"
@@ -214,15 +215,15 @@ void do_tovi_spinlock_unlock(uint64_t *lock, const char *, uint32_t)
 
 uint32_t tovi_spinlock_set_flags(uint64_t mask)
 {
-    uint64_t flags = __atomic_load_n(&g_spinlock_flags, __ATOMIC_RELAXED);
-    __atomic_store_n(&g_spinlock_flags, flags | mask, __ATOMIC_RELAXED);
+    // One read-modify-write, so that concurrent set and clear calls of
+    // different bits never undo each other.
+    __atomic_fetch_or(&g_spinlock_flags, mask, __ATOMIC_RELAXED);
     return 0;
 }
 
 uint32_t tovi_spinlock_clear_flags(uint64_t mask)
 {
-    uint64_t flags = __atomic_load_n(&g_spinlock_flags, __ATOMIC_RELAXED);
-    __atomic_store_n(&g_spinlock_flags, flags & ~mask, __ATOMIC_RELAXED);
+    __atomic_fetch_and(&g_spinlock_flags, ~mask, __ATOMIC_RELAXED);
     return 0;
 }
 
@@ -242,28 +243,22 @@ uint32_t tovi_spinlock_get_flags(uint64_t *flags)
 __attribute__((noinline)) void debug_dump_stack(uint32_t skip)
 {
     const tovi::arch::FrameRecord *frame = tovi::arch::frame_pointer();
-    const uintptr_t low = reinterpret_cast<uintptr_t>(frame);
-    const uintptr_t high = low + kFallbackStackBytes;
-    auto inside = [&](const tovi::arch::FrameRecord *f) {
-        auto at = reinterpret_cast<uintptr_t>(f);
-        return at >= low && at <= high - sizeof(tovi::arch::FrameRecord);
-    };
-    for (uint32_t i = 0; i < skip; ++i)
-        if (inside(frame))
-            frame = frame->next;
+    const uintptr_t top = reinterpret_cast<uintptr_t>(frame) + kFallbackStackBytes;
+    for (uint32_t i = 0; i < skip && frame != nullptr; ++i)
+        frame = tovi::arch::next_frame(frame, top);
     const void *address[3];
     for (const void *&a : address) {
         a = nullptr;
-        if (inside(frame)) {
+        if (frame != nullptr) {
             a = frame->return_address;
-            frame = frame->next;
+            frame = tovi::arch::next_frame(frame, top);
         }
     }
     char text[3][kSymbolText];
     for (unsigned i = 0; i < 3; ++i)
         tovi_symbol_addr_to_string(reinterpret_cast<uintptr_t>(address[i]), text[i], sizeof text[i]);
-    vrlog_original("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).", tovi_thrd_gettid_accl(), address[0],
-                   text[0], address[1], text[1], address[2], text[2]);
+    TOVI_LOG_RAW("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).", tovi_thrd_gettid_accl(), address[0], text[0],
+                 address[1], text[1], address[2], text[2]);
 }
 
 // ---- reader-writer spin lock ----

@@ -1,3 +1,4 @@
+#define TOVI_LOG_SOURCE "tovi_log"
 #include "tovi_log.hpp"
 
 #include "tovi_jiffies.h"

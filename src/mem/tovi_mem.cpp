@@ -8,6 +8,7 @@
 #include <safe_mem_lib.h>
 
 #include "tovi_companion.hpp"
+#define TOVI_LOG_SOURCE "tovi_mem"
 #include "tovi_log.hpp"
 #include "tovi_mem.h"
 

@@ -1,4 +1,5 @@
 // Thread-specific keys and once-initialisation.
+#define TOVI_LOG_SOURCE "tovi_percpu_posix"
 #include "tovi_log.hpp"
 #include "tovi_percpu_posix.h"
 

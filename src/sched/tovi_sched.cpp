@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "tovi_companion.hpp"
+#define TOVI_LOG_SOURCE "tovi_sched"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_thread.h"

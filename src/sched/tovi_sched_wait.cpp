@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "tovi_list.hpp"
+#define TOVI_LOG_SOURCE "tovi_sem_enhance"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_thread.h"
@@ -13,36 +14,14 @@ namespace {
 namespace list = tovi::list;
 
 // A waiter tests its own entry without the head's lock (finish_wait must
-// not block on it), so every link store on a queue is atomic; the lock still
-// orders the changes among themselves.
-void store_link(list::Node **field, list::Node *value)
-{
-    __atomic_store_n(field, value, __ATOMIC_RELEASE);  // pairs with queued()
-}
+// not block on it), so the queues are list::Release lists: every link store
+// is atomic, and the release pairs with queued(). The lock still orders the
+// changes among themselves.
+using Links = list::Release;
 
 bool queued(const wait_queue_t *wait)
 {
     return __atomic_load_n(&wait->entry.next, __ATOMIC_ACQUIRE) != &wait->entry;
-}
-
-void link_front(list::Node *n, list::Node *head)
-{
-    list::Node *first = head->next;
-    store_link(&n->next, first);
-    store_link(&n->prev, head);
-    store_link(&first->prev, n);
-    store_link(&head->next, n);
-}
-
-// Unlinks a node and leaves it self-linked (on no queue).
-void unlink_idle(list::Node *n)
-{
-    list::Node *prev = n->prev;
-    list::Node *next = n->next;
-    store_link(&next->prev, prev);
-    store_link(&prev->next, next);
-    store_link(&n->prev, n);
-    store_link(&n->next, n);
 }
 
 void set_flag(uint32_t *flag, uint32_t value)
@@ -88,7 +67,7 @@ int prepare_to_wait(wait_queue_head_t *head, wait_queue_t *wait)
     tovi_spinlock_lock(&head->lock.lock);
     set_flag(&wait->waiting, 1);
     if (!queued(wait))
-        link_front(&wait->entry, &head->task_list);
+        Links::add(&wait->entry, &head->task_list);
     tovi_spinlock_unlock(&head->lock.lock);
     return 0;
 }
@@ -112,16 +91,12 @@ void __wake_up(wait_queue_head_t *head)
     if (null_arg(head, head, __func__))
         return;
     tovi_spinlock_lock(&head->lock.lock);
-    list::Node *n = head->task_list.next;
-    while (n != &head->task_list) {
-        list::Node *next = n->next;
-        auto *wait = reinterpret_cast<wait_queue_t *>(reinterpret_cast<char *>(n) - offsetof(wait_queue_t, entry));
+    for (wait_queue_t *wait : list::for_each_entry<wait_queue_t>(&head->task_list, offsetof(wait_queue_t, entry))) {
         // The flag is cleared before the signal, so a waiter that has not
         // parked yet does not park at all.
         set_flag(&wait->waiting, 0);
         tovi_wake_up_process(static_cast<int32_t>(wait->tid));
-        unlink_idle(n);
-        n = next;
+        Links::del_init(&wait->entry);
     }
     tovi_spinlock_unlock(&head->lock.lock);
 }
@@ -136,7 +111,7 @@ void finish_wait(wait_queue_head_t *head, wait_queue_t *wait)
             continue;
         }
         if (queued(wait))
-            unlink_idle(&wait->entry);
+            Links::del_init(&wait->entry);
         set_flag(&wait->waiting, 0);
         tovi_spinlock_unlock(&head->lock.lock);
     }

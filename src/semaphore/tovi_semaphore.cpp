@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tovi_list.hpp"
+#define TOVI_LOG_SOURCE "tovi_sem_enhance"
 #include "tovi_log.hpp"
 #include "tovi_sched.h"
 #include "tovi_thread.h"
@@ -28,7 +29,7 @@ struct Waiter {
 
 Waiter *waiter_of(list::Node *n)
 {
-    return reinterpret_cast<Waiter *>(reinterpret_cast<char *>(n) - offsetof(Waiter, node));
+    return list::entry<Waiter>(n, offsetof(Waiter, node));
 }
 
 void lock(tovi_sem_enhance_s *sem, const char *label)
@@ -74,15 +75,6 @@ int32_t down(tovi_sem_enhance_s *sem, Sleep state, int64_t timeout)
     unlock(sem, __func__);
     return ret;
 }
-
-// Logs one text as the "[Infra]" line on module 0, unconditionally, and on
-// the library's module after the usual check.
-#define SEM_LOG_PAIR(fmt, ...)                                                                \
-    do {                                                                                      \
-        vrlog(0, tovi::log::kInfo, TOVI_LOG_FILE, __LINE__, __func__, 0, "[Infra]" fmt,       \
-              __VA_ARGS__);                                                                   \
-        TOVI_LOG(tovi::log::kInfo, fmt, __VA_ARGS__);                                         \
-    } while (0)
 
 // A NULL semaphore is refused (logged) instead of dereferenced.
 bool null_sem(const tovi_sem_enhance_s *sem, const char *func)
@@ -154,16 +146,16 @@ int32_t tovi_sem_enhance_up(tovi_sem_enhance_s *sem)
     auto err = static_cast<int32_t>(tovi_wake_up_process(static_cast<int32_t>(tid)));
     if (err == 0)
         return 0;
-    SEM_LOG_PAIR("Wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", addr, tid, err);
+    TOVI_LOG_WITH_INFRA(tovi::log::kInfo, "Wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", addr, tid, err);
     while (err == EAGAIN) {
         err = static_cast<int32_t>(tovi_wake_up_process(static_cast<int32_t>(tid)));
         if (err == 0) {
-            SEM_LOG_PAIR("Retry wake up sem(0x%lx) waiter tid(%u) sucess.", addr, tid);
+            TOVI_LOG_WITH_INFRA(tovi::log::kInfo, "Retry wake up sem(0x%lx) waiter tid(%u) sucess.", addr, tid);
             return 0;
         }
         tovi_usleep(1);
     }
-    SEM_LOG_PAIR("Retry wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", addr, tid, err);
+    TOVI_LOG_WITH_INFRA(tovi::log::kInfo, "Retry wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", addr, tid, err);
     return err;
 }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tovi_arch.hpp"
+#define TOVI_LOG_SOURCE "tovi_symbol"
 #include "tovi_log.hpp"
 #include "tovi_symbol.h"
 

@@ -1,5 +1,6 @@
-// The thread registry: slots and records, raw creation, names, cached ids,
-// stack lookups and the thread watch table.
+// The thread registry: slots and records, raw creation and the life of a
+// thread's record. Ids, names, stack lookups, the stack hook and the watch
+// table live beside it in tovi_thread_*.cpp.
 //
 // Invariants of a slot:
 //   - refs is 0 exactly when the slot is free; it changes only by
@@ -10,62 +11,35 @@
 //   - a reader looks at a record only while it holds a reference and has
 //     seen a live state (TOVI_THREAD_LIVE); the thread stores that state
 //     after filling its tid and stack bounds.
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
-#include <sched.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <safe_mem_lib.h>
-#include <safe_str_lib.h>
 
-#include "tovi_jiffies.h"
+#define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
 #include "tovi_mem.h"
+#include "tovi_scope.hpp"
 #include "tovi_thread.hpp"
 
 __thread tovi_thread_s *m_current_thread TOVI_TLS_IE = nullptr;
-__thread int32_t my_core TOVI_TLS_IE = -1;
-__thread uint32_t my_numa TOVI_TLS_IE = 0xFFFFFFFFu;
 
 namespace {
 
 using tovi::log::kError;
 using tovi::log::kInfo;
 
-constexpr uint64_t kUnknown64 = ~0ULL;
-constexpr uint32_t kUnknown32 = ~0U;
 constexpr char kUnnamed[] = "[NULL]";
 
 tovi_thread_slot_s g_slots[TOVI_THREAD_SLOTS];
 
-// Cached kernel tid of the calling thread (0: not yet) and process id.
-__thread int32_t t_tid TOVI_TLS_IE = 0;
-std::atomic<int32_t> g_pid{0};
-
-std::atomic<int32_t> g_siProcMapFlag{0};
-
 pthread_once_t g_module_once = PTHREAD_ONCE_INIT;
 pthread_key_t g_adopted_key;
 bool g_adopted_key_ok = false;
-
-std::atomic<const tovi_lwt_stack_ops_s *> g_lwt_ops{nullptr};
-
-// A forked child keeps the forking thread's caches: refresh them there.
-void refresh_ids_in_child()
-{
-    t_tid = 0;
-    g_pid.store(getpid(), std::memory_order_relaxed);
-}
-
-[[maybe_unused]] const int g_fork_hook = pthread_atfork(nullptr, nullptr, refresh_ids_in_child);
 
 bool ref_get(tovi_thread_slot_s *slot)
 {
@@ -114,14 +88,6 @@ void free_record(tovi_thread_s *rec)
     TOVI_FREE(rec);
 }
 
-void write_name(tovi_thread_s *rec, const char (&name)[TOVI_THREAD_NAME_LEN])
-{
-    // Byte by byte, relaxed: a listing may read the name while it changes
-    // and at worst shows a mix of the two.
-    for (uint32_t i = 0; i < TOVI_THREAD_NAME_LEN; ++i)
-        __atomic_store_n(&rec->name[i], name[i], __ATOMIC_RELAXED);
-}
-
 void reset(tovi_thread_s *rec, tovi_thread_fn fn, void *arg)
 {
     rec->pthread_id = 0;
@@ -129,8 +95,8 @@ void reset(tovi_thread_s *rec, tovi_thread_fn fn, void *arg)
     rec->arg = arg;
     rec->tid = 0;
     rec->pid = tovi_thrd_getpid_accl();
-    rec->bind_cpu = kUnknown64;
-    rec->numa_id = kUnknown32;
+    rec->bind_cpu = tovi::thrd::kUnknown64;
+    rec->numa_id = tovi::thrd::kUnknown32;
     rec->preempt_flag = 0;
     rec->strategy = 0;
     rec->os_stack_low = 0;
@@ -139,36 +105,7 @@ void reset(tovi_thread_s *rec, tovi_thread_fn fn, void *arg)
     sem_init(&rec->sem, 0, 0);
     char name[TOVI_THREAD_NAME_LEN] = {};
     memcpy_s(name, sizeof name, kUnnamed, sizeof kUnnamed);
-    write_name(rec, name);
-}
-
-// The usable part of the stack, for mapping its pages at once.
-void fill_os_stack(tovi_thread_s *rec, bool map_now)
-{
-    pthread_attr_t attr;
-    int ret = pthread_getattr_np(pthread_self(), &attr);
-    if (ret != 0) {
-        TOVI_LOG(kInfo, "Get thread attr ret:%d.", ret);
-        return;
-    }
-    size_t guard = 0;
-    if (pthread_attr_getguardsize(&attr, &guard) != 0)
-        guard = 0;
-    void *addr = nullptr;
-    size_t size = 0;
-    ret = pthread_attr_getstack(&attr, &addr, &size);
-    pthread_attr_destroy(&attr);
-    if (ret != 0) {
-        TOVI_LOG(kInfo, "Get os stack ret:%d.", ret);
-        return;
-    }
-    const auto low = reinterpret_cast<uint64_t>(addr);
-    rec->os_stack_low = low - guard;
-    rec->os_stack_high = low + size;
-    // Best effort: a thread that must not take page faults later has its
-    // whole stack populated now; a kernel without the advice just faults.
-    if (map_now)
-        madvise(addr, size, MADV_POPULATE_WRITE);
+    tovi::thrd::write_name(rec, name);
 }
 
 void install_sig_stack(tovi_thread_s *rec)
@@ -198,72 +135,8 @@ void run(tovi_thread_s *rec, bool map_now)
     tovi::thrd::adopt(rec, map_now);
     tovi::thrd::set_state(rec, TOVI_THREAD_RUNNING);
     // Also when the routine leaves by pthread_exit (forced unwinding).
-    struct Leave {
-        tovi_thread_s *rec;
-        ~Leave() { tovi::thrd::leave(rec); }
-    } leave{rec};
+    tovi::ScopeExit leave([rec] { tovi::thrd::leave(rec); });
     rec->start_routine(rec->arg);
-}
-
-// The record of thread `tid` (0: the caller); `held` tells whether a
-// reference was taken for it.
-tovi_thread_s *find_record(int32_t tid, bool *held)
-{
-    tovi_thread_s *cur = m_current_thread;
-    *held = false;
-    if (tid == 0 || (cur != nullptr && cur->tid == tid))
-        return cur;
-    *held = true;
-    return tovi_thrd_getthreadinfobytid(tid);
-}
-
-void drop(tovi_thread_s *rec, bool held)
-{
-    if (held)
-        tovi_thrd_putthreadinfo(rec);
-}
-
-bool inside(uint64_t sp, uint64_t low, uint64_t high)
-{
-    return high != 0 && sp >= low && sp <= high;
-}
-
-// The "[stack]" mapping of this process (the main thread's stack).
-uint32_t main_stack(uint64_t *start, uint64_t *end)
-{
-    FILE *maps = std::fopen("/proc/self/maps", "r");
-    if (maps == nullptr)
-        return TOVI_ERR;
-    char line[512];
-    uint32_t ret = TOVI_ERR;
-    while (std::fgets(line, sizeof line, maps) != nullptr) {
-        unsigned long lo = 0;
-        unsigned long hi = 0;
-        if (std::strstr(line, "[stack]") != nullptr && sscanf_s(line, "%lx-%lx", &lo, &hi) == 2) {
-            *start = lo;
-            *end = hi;
-            ret = 0;
-            break;
-        }
-    }
-    std::fclose(maps);
-    return ret;
-}
-
-// The thread watch table.
-struct ThreadWatch {
-    std::mutex mutex;
-    tovi_thread_watch_s entries[TOVI_THREAD_WATCH_MAX];
-} toviThreadWatch;
-
-void current_name(char (&out)[TOVI_THREAD_NAME_LEN])
-{
-    memset_s(out, sizeof out, 0, sizeof out);
-    if (const tovi_thread_s *rec = m_current_thread)
-        tovi::thrd::read_name(rec, out);
-    else
-        prctl(PR_GET_NAME, out);
-    out[TOVI_THREAD_NAME_LEN - 1] = '\0';
 }
 
 }  // namespace
@@ -345,8 +218,8 @@ void adopt(tovi_thread_s *rec, bool map_now)
 {
     m_current_thread = rec;
     rec->pthread_id = pthread_self();
-    t_tid = static_cast<int32_t>(gettid());
-    rec->tid = t_tid;
+    tovi_thrd_settid_accl();
+    rec->tid = tovi_thrd_gettid_accl();
     fill_os_stack(rec, map_now);
     install_sig_stack(rec);
     tovi_setCurThreadStrategy(0);
@@ -377,6 +250,10 @@ uint32_t create(tovi_thread_fn fn, void *arg, void *(*trampoline)(void *), pthre
         pthread_attr_init(&own);
         use = &own;
     }
+    tovi::ScopeExit destroy_own([&] {
+        if (use == &own)
+            pthread_attr_destroy(&own);
+    });
     uint32_t result = 0;
     int ret = pthread_attr_setdetachstate(use, PTHREAD_CREATE_DETACHED);
     if (ret != 0) {
@@ -397,8 +274,6 @@ uint32_t create(tovi_thread_fn fn, void *arg, void *(*trampoline)(void *), pthre
         set_state(rec, TOVI_THREAD_FINISHED);
         tovi_thrd_putthreadinfo(rec);
     }
-    if (use == &own)
-        pthread_attr_destroy(&own);
     return result;
 }
 
@@ -412,22 +287,6 @@ void *entry_instant(void *record)
 {
     run(static_cast<tovi_thread_s *>(record), true);
     return nullptr;
-}
-
-bool set_names(tovi_thread_s *rec, const char *name)
-{
-    char buf[TOVI_THREAD_NAME_LEN] = {};
-    for (uint32_t i = 0; i + 1 < TOVI_THREAD_NAME_LEN && name[i] != '\0'; ++i)
-        buf[i] = name[i];
-    write_name(rec, buf);
-    return prctl(PR_SET_NAME, buf) == 0;
-}
-
-void read_name(const tovi_thread_s *rec, char out[TOVI_THREAD_NAME_LEN])
-{
-    for (uint32_t i = 0; i < TOVI_THREAD_NAME_LEN; ++i)
-        out[i] = __atomic_load_n(&rec->name[i], __ATOMIC_RELAXED);
-    out[TOVI_THREAD_NAME_LEN - 1] = '\0';
 }
 
 void set_small_stack(pthread_attr_t *attr)
@@ -509,42 +368,6 @@ tovi_thread_s *tovi_thrd_currentthreadinfo(void)
     return m_current_thread;
 }
 
-uint32_t tovi_thrd_setname(const char *fmt, ...)
-{
-    if (fmt == nullptr) {
-        TOVI_LOG(kError, "Tovi set thrd name(NULL) fail.");
-        return TOVI_ERR;
-    }
-    tovi_thread_s *rec = m_current_thread;
-    if (rec == nullptr) {
-        TOVI_LOG(kError, "Tovi set thrd name(%s) fail, please use tovi or Nubo create thrd.", fmt);
-        return TOVI_ERR;
-    }
-    // The bounded formatter refuses rather than truncates: format into room
-    // to spare, then keep the first 15 characters.
-    char text[256] = {};
-    va_list ap;
-    va_start(ap, fmt);
-    int ret = vsnprintf_s(text, sizeof text, fmt, ap);
-    va_end(ap);
-    if (ret < 0 && text[0] == '\0') {
-        TOVI_LOG(kError, "vsnprintf_s failed, name(%s).", fmt);
-        return TOVI_ERR;
-    }
-    text[TOVI_THREAD_NAME_LEN - 1] = '\0';
-    if (!tovi::thrd::set_names(rec, text)) {
-        TOVI_LOG(kError, "Tovi set thrd name fail, errno:%d.", errno);
-        return TOVI_ERR;
-    }
-    return 0;
-}
-
-const char *tovi_thrd_getname(void)
-{
-    tovi_thread_s *rec = m_current_thread;
-    return rec != nullptr ? rec->name : nullptr;
-}
-
 void tovi_thrd_list(void)
 {
     std::printf("list threads flag(0:preempt 1:nonpreempt) created by tovi:\n");
@@ -563,254 +386,11 @@ void tovi_thrd_list(void)
     std::fflush(stdout);
 }
 
-void tovi_thrd_numaId_set(uint32_t numa)
-{
-    my_numa = numa;
-    if (tovi_thread_s *rec = m_current_thread)
-        __atomic_store_n(&rec->numa_id, numa, __ATOMIC_RELAXED);
-}
-
-uint32_t tovi_thrd_numaId_get(void)
-{
-    return my_numa;
-}
-
-void tovi_thrd_core_set(int32_t cpu)
-{
-    my_core = cpu;
-    if (tovi_thread_s *rec = m_current_thread)
-        __atomic_store_n(&rec->bind_cpu, cpu < 0 ? kUnknown64 : static_cast<uint64_t>(cpu), __ATOMIC_RELAXED);
-}
-
-int smp_processor_id(void)
-{
-    return my_core >= 0 ? my_core : sched_getcpu();
-}
-
-uint32_t tovi_thrd_setpid_accl(void)
-{
-    g_pid.store(getpid(), std::memory_order_relaxed);
-    return 0;
-}
-
-int32_t tovi_thrd_getpid_accl(void)
-{
-    int32_t pid = g_pid.load(std::memory_order_relaxed);
-    if (pid == 0) {
-        pid = getpid();
-        g_pid.store(pid, std::memory_order_relaxed);
-    }
-    return pid;
-}
-
-void tovi_thrd_settid_accl(void)
-{
-    t_tid = static_cast<int32_t>(gettid());
-}
-
-int32_t tovi_thrd_gettid_accl(void)
-{
-    if (t_tid == 0)
-        t_tid = static_cast<int32_t>(gettid());
-    return t_tid;
-}
-
-int32_t tovi_thread_get_knl_tid(void)
-{
-    return tovi_thrd_gettid_accl();
-}
-
-uint32_t tovi_get_process_name(char *buf)
-{
-    if (buf == nullptr)
-        return TOVI_ERR;
-    char path[64];
-    snprintf_s(path, sizeof path, "/proc/%d/status", tovi_thrd_getpid_accl());
-    FILE *status = std::fopen(path, "r");
-    if (status == nullptr)
-        return TOVI_ERR;
-    char line[256];
-    uint32_t ret = TOVI_ERR;
-    while (std::fgets(line, sizeof line, status) != nullptr) {
-        char name[TOVI_THREAD_NAME_LEN] = {};
-        if (sscanf_s(line, "Name:\t%15[^\n]", name) == 1) {
-            strcpy_s(buf, TOVI_THREAD_NAME_LEN, name);
-            ret = 0;
-            break;
-        }
-    }
-    std::fclose(status);
-    return ret;
-}
-
-uint32_t tovi_get_process_exe_name(char *buf)
-{
-    if (buf == nullptr)
-        return TOVI_ERR;
-    char path[64];
-    snprintf_s(path, sizeof path, "/proc/%d/exe", tovi_thrd_getpid_accl());
-    char target[4096];
-    ssize_t n = readlink(path, target, sizeof target - 1);
-    if (n < 0)
-        return TOVI_ERR;
-    target[n] = '\0';
-    size_t keep = std::min<size_t>(static_cast<size_t>(n), TOVI_PROCESS_EXE_LEN - 1);
-    memcpy_s(buf, TOVI_PROCESS_EXE_LEN, target, keep);
-    buf[keep] = '\0';
-    return 0;
-}
-
-void tovi_set_instant_map_flag(int32_t flag)
-{
-    g_siProcMapFlag.store(flag, std::memory_order_relaxed);
-}
-
-int32_t tovi_get_instant_map_flag(void)
-{
-    return g_siProcMapFlag.load(std::memory_order_relaxed);
-}
-
 uint32_t tovi_thrd_unsetsigstack(void)
 {
     stack_t ss{};
     ss.ss_flags = SS_DISABLE;
     return sigaltstack(&ss, nullptr) == 0 ? 0 : TOVI_ERR;
-}
-
-uint32_t register_lwt_stack_ops(const tovi_lwt_stack_ops_s *ops)
-{
-    if (ops == nullptr || ops->get_stack == nullptr)
-        return TOVI_ERR;
-    const tovi_lwt_stack_ops_s *none = nullptr;
-    // Release publishes the table to the lookups' acquire.
-    return g_lwt_ops.compare_exchange_strong(none, ops, std::memory_order_acq_rel) ? 0 : TOVI_ERR;
-}
-
-uint32_t unregister_lwt_stack_ops(const tovi_lwt_stack_ops_s *ops)
-{
-    if (ops == nullptr)
-        return TOVI_ERR;
-    return g_lwt_ops.compare_exchange_strong(ops, nullptr, std::memory_order_acq_rel) ? 0 : TOVI_ERR;
-}
-
-uint32_t tovi_thrd_getcurrentstack(int32_t tid, uint64_t sp, uint64_t *start, uint64_t *end, const char **desc)
-{
-    if (start == nullptr || end == nullptr || desc == nullptr)
-        return TOVI_ERR;
-    bool held = false;
-    tovi_thread_s *rec = find_record(tid, &held);
-    if (rec == nullptr) {
-        *desc = "UNKNOWN_STACK";
-        return TOVI_ERR;
-    }
-    const auto sig_low = reinterpret_cast<uint64_t>(rec->sig_stack);
-    const uint64_t sig_high = sig_low + TOVI_THREAD_SIGSTACK_SIZE;
-    uint32_t ret = 0;
-    if (inside(sp, sig_low, sig_high)) {
-        *start = sig_low;
-        *end = sig_high;
-        *desc = "SIG_STACK";
-    } else if (inside(sp, rec->os_stack_low, rec->os_stack_high)) {
-        *start = rec->os_stack_low;
-        *end = rec->os_stack_high;
-        *desc = "OS_STACK";
-    } else if (const tovi_lwt_stack_ops_s *ops = g_lwt_ops.load(std::memory_order_acquire)) {
-        if (ops->get_stack(rec->tid, sp, start, end) == 0) {
-            *desc = ops->desc != nullptr ? ops->desc : "LWT_STACK";
-        } else {
-            *desc = "INVALID_LWT_STACK";
-            ret = TOVI_ERR;
-        }
-    } else {
-        *desc = "INVALID_STACK";
-        ret = TOVI_ERR;
-    }
-    drop(rec, held);
-    return ret;
-}
-
-uint32_t tovi_thrd_getosstack(int32_t tid, uint64_t *start, uint64_t *end)
-{
-    if (start == nullptr || end == nullptr)
-        return TOVI_ERR;
-    bool held = false;
-    tovi_thread_s *rec = find_record(tid, &held);
-    if (rec == nullptr)
-        return TOVI_ERR;
-    uint32_t ret = TOVI_ERR;
-    if (rec->os_stack_high != 0) {
-        *start = rec->os_stack_low;
-        *end = rec->os_stack_high;
-        ret = 0;
-    }
-    drop(rec, held);
-    return ret;
-}
-
-uint32_t tovi_thread_get_specific_stack(int32_t tid, uint64_t *start, uint64_t *end)
-{
-    if (start == nullptr || end == nullptr)
-        return TOVI_ERR;
-    if (tovi_thrd_getosstack(tid, start, end) == 0)
-        return 0;
-    const int32_t who = tid != 0 ? tid : tovi_thrd_gettid_accl();
-    return who == tovi_thrd_getpid_accl() ? main_stack(start, end) : TOVI_ERR;
-}
-
-int32_t tovi_thread_watch_add(uint32_t timeout)
-{
-    const int32_t tid = tovi_thrd_gettid_accl();
-    char name[TOVI_THREAD_NAME_LEN];
-    current_name(name);
-    std::lock_guard<std::mutex> guard(toviThreadWatch.mutex);
-    int32_t index = -1;
-    for (uint32_t i = 0; i < TOVI_THREAD_WATCH_MAX; ++i) {
-        const int32_t owner = toviThreadWatch.entries[i].tid;
-        if (owner == tid) {
-            index = static_cast<int32_t>(i);
-            break;
-        }
-        if (owner == 0 && index < 0)
-            index = static_cast<int32_t>(i);
-    }
-    if (index < 0) {
-        TOVI_LOG(kError, "Thread watch table toviThreadWatch is full, tid:%d.", tid);
-        return -1;
-    }
-    tovi_thread_watch_s &e = toviThreadWatch.entries[index];
-    e.tid = tid;
-    e.timeout = timeout;
-    e.start_jiffies = tovi_get_jiffies();
-    e.overdue = 0;
-    memcpy_s(e.name, sizeof e.name, name, sizeof name);
-    return index;
-}
-
-uint32_t tovi_thread_watch_del(void)
-{
-    const int32_t tid = tovi_thrd_gettid_accl();
-    std::lock_guard<std::mutex> guard(toviThreadWatch.mutex);
-    for (tovi_thread_watch_s &e : toviThreadWatch.entries) {
-        if (e.tid == tid) {
-            memset_s(&e, sizeof e, 0, sizeof e);
-            return 0;
-        }
-    }
-    return TOVI_ERR;
-}
-
-uint32_t tovi_thread_watch_get(uint32_t index, tovi_thread_watch_s *out)
-{
-    if (out == nullptr || index >= TOVI_THREAD_WATCH_MAX)
-        return TOVI_ERR;
-    const uint64_t now = tovi_get_jiffies();
-    std::lock_guard<std::mutex> guard(toviThreadWatch.mutex);
-    const tovi_thread_watch_s &e = toviThreadWatch.entries[index];
-    if (e.tid == 0)
-        return TOVI_ERR;
-    *out = e;
-    out->overdue = now - e.start_jiffies > e.timeout ? 1 : 0;
-    return 0;
 }
 
 uint32_t tovi_thrd_setcurthreadinfo(void)

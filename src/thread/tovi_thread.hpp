@@ -25,6 +25,9 @@ extern __thread uint32_t my_numa TOVI_TLS_IE;
 namespace tovi::thrd {
 
 inline constexpr uint32_t kPoolStackSize = 131072;
+// "Not known yet" in a record's CPU and NUMA fields.
+inline constexpr uint64_t kUnknown64 = ~0ULL;
+inline constexpr uint32_t kUnknown32 = ~0U;
 
 // Claims a slot (or, with none free, makes a record without one) and resets
 // its record for fn(arg). Null when memory ran out (logged).
@@ -60,6 +63,17 @@ void *entry_instant(void *record);
 bool set_names(tovi_thread_s *rec, const char *name);
 // Copies a record's name that another thread may be changing.
 void read_name(const tovi_thread_s *rec, char out[TOVI_THREAD_NAME_LEN]);
+// Stores a whole name into a record that other threads may be reading.
+void write_name(tovi_thread_s *rec, const char (&name)[TOVI_THREAD_NAME_LEN]);
+// The calling thread's name: its record's, else the kernel's.
+void current_name(char (&out)[TOVI_THREAD_NAME_LEN]);
+
+// Learns the calling thread's stack bounds into its record; with `map_now`
+// the stack pages are populated at once.
+void fill_os_stack(tovi_thread_s *rec, bool map_now);
+
+// The registered light-weight-thread stack hook, or null.
+const tovi_lwt_stack_ops_s *lwt_stack_ops();
 
 // Sets the stack size of a pool or instant-map attribute.
 void set_small_stack(pthread_attr_t *attr);

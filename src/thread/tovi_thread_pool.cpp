@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <semaphore.h>
 
+#define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
 #include "tovi_thread.hpp"
 

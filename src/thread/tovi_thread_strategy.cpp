@@ -16,6 +16,7 @@
 #include <safe_str_lib.h>
 
 #include "tovi_cpumask.h"
+#define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
 #include "tovi_thread.hpp"
 

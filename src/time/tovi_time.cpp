@@ -6,6 +6,7 @@
 
 #include "tovi_arch.hpp"
 #include "tovi_time.hpp"
+#define TOVI_LOG_SOURCE "tovi_time"
 #include "tovi_log.hpp"
 #include "tovi_time.h"
 

@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "tovi_hr_timer.h"
+#define TOVI_LOG_SOURCE "tovi_timer"
 #include "tovi_log.hpp"
 #include "tovi_thread.h"
 #include "tovi_time.h"

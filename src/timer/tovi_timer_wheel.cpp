@@ -10,8 +10,8 @@
 //    jumps to the current millisecond, so an empty wheel never catches up.
 //
 // entry.next is read without the lock (tovi_timer_is_pending and the
-// unchanged-expiry test of arming), so every store to a `next` link is a
-// relaxed atomic store and those readers load it atomically.
+// unchanged-expiry test of arming), so the wheel's lists are list::Relaxed
+// lists (every link store atomic) and those readers load it atomically.
 #include <cerrno>
 #include <ctime>
 #include <cstddef>
@@ -20,6 +20,7 @@
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
 #include "tovi_list.hpp"
+#define TOVI_LOG_SOURCE "tovi_timer_wheel"
 #include "tovi_log.hpp"
 #include "tovi_symbol.h"
 #include "tovi_time.h"
@@ -33,36 +34,21 @@ using log::kError;
 using log::kInfo;
 using log::kWarning;
 
-// Unconditional messages to the platform's infrastructure log (module 0).
-#define TOVI_TIMER_INFRA(level, fmt, ...) \
-    vrlog(0, (level), TOVI_LOG_FILE, __LINE__, __func__, 0, fmt __VA_OPT__(, ) __VA_ARGS__)
-
 thread_local bool t_timer_thread = false;
 
-inline void set_next(Node *n, Node *v)
-{
-    // Relaxed: pairs with the unlocked relaxed loads of tovi_timer_is_pending
-    // and of arming; ordering against the rest comes from the root lock.
-    __atomic_store_n(&n->next, v, __ATOMIC_RELAXED);
-}
+// Relaxed: pairs with the unlocked relaxed loads of tovi_timer_is_pending
+// and of arming; ordering against the rest comes from the root lock.
+using Links = list::Relaxed;
 
 inline tovi_timer *timer_of(Node *entry)
 {
-    return reinterpret_cast<tovi_timer *>(reinterpret_cast<char *>(entry) - offsetof(tovi_timer, entry));
+    return list::entry<tovi_timer>(entry, offsetof(tovi_timer, entry));
 }
 
-inline bool bad_link(const Node *p)
+// The slot of level `level` that holds expiry `e` (milliseconds).
+inline uint32_t slot_index(uint64_t e, uint32_t level)
 {
-    return p == nullptr || p == list::kPoisonPrev || p == list::kPoisonNext;
-}
-
-void link_tail(Node *n, Node *head)
-{
-    Node *prev = head->prev;
-    n->prev = prev;
-    set_next(n, head);
-    set_next(prev, n);
-    head->prev = n;
+    return static_cast<uint32_t>((e / kSlotWidth[level]) % kSlotCount[level]);
 }
 
 // A list head with room around it, so that dumping it as a timer record
@@ -71,12 +57,6 @@ struct LocalList {
     tovi_timer holder{};
     Node *head() { return &holder.entry; }
 };
-
-void init_head(Node *head)
-{
-    set_next(head, head);
-    head->prev = head;
-}
 
 inline void wake_if_earlier(TimerRoot &root, uint64_t w)
 {
@@ -99,54 +79,12 @@ inline void set_empty_base(TimerRoot &root, uint64_t now)
 }  // namespace
 
 // Moves every node of slot list `head` onto the empty list `local`, after
-// checking that the head's neighbours point back at it. A macro so that
-// the reports carry the calling function's name.
-#define TOVI_TIMER_SPLICE(head, local)                                                                         \
-    do {                                                                                                       \
-        Node *h_ = (head);                                                                                     \
-        Node *l_ = (local);                                                                                    \
-        if (h_->prev->next != h_) {                                                                            \
-            TOVI_LOG(kError, "Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)",                \
-                     static_cast<void *>(h_->prev), static_cast<void *>(h_->prev->next),                       \
-                     static_cast<void *>(h_->prev->prev), static_cast<void *>(h_),                             \
-                     static_cast<void *>(h_->next), static_cast<void *>(h_->prev));                            \
-            tovi_timer_show(h_->prev);                                                                         \
-            tovi_timer_show(h_);                                                                               \
-        }                                                                                                      \
-        if (h_->next->prev != h_) {                                                                            \
-            TOVI_LOG(kError, "Abnormal list node next:%p(%p,%p) is not point to cur:%p(%p,%p)",                \
-                     static_cast<void *>(h_->next), static_cast<void *>(h_->next->next),                       \
-                     static_cast<void *>(h_->next->prev), static_cast<void *>(h_),                             \
-                     static_cast<void *>(h_->next), static_cast<void *>(h_->prev));                            \
-            tovi_timer_show(h_->next);                                                                         \
-            tovi_timer_show(h_);                                                                               \
-        }                                                                                                      \
-        if (h_->next == h_) {                                                                                  \
-            init_head(l_);                                                                                     \
-        } else {                                                                                               \
-            set_next(l_, h_->next);                                                                            \
-            l_->prev = h_->prev;                                                                               \
-            l_->next->prev = l_;                                                                               \
-            set_next(l_->prev, l_);                                                                            \
-            init_head(h_);                                                                                     \
-        }                                                                                                      \
-    } while (0)
-
-// Checks a node of a local list against its predecessor `last` and its
-// successor; only reports.
-#define TOVI_TIMER_CHECK_NODE(cur, last)                                                                       \
-    do {                                                                                                       \
-        Node *c_ = (cur);                                                                                      \
-        if (c_->prev != (last))                                                                                \
-            TOVI_LOG(kError, "Abnormal list node cur:%p(%p,%p), is not point to last:%p",                      \
-                     static_cast<void *>(c_), static_cast<void *>(c_->next), static_cast<void *>(c_->prev),    \
-                     static_cast<void *>(last));                                                               \
-        if (c_->next->prev != c_)                                                                              \
-            TOVI_LOG(kError, "Abnormal list node next:%p(%p,%p) is not point to cur:%p(%p,%p)",                \
-                     static_cast<void *>(c_->next), static_cast<void *>(c_->next->next),                       \
-                     static_cast<void *>(c_->next->prev), static_cast<void *>(c_),                             \
-                     static_cast<void *>(c_->next), static_cast<void *>(c_->prev));                            \
-    } while (0)
+// checking (and reporting) the head's neighbours.
+void splice_slot(Node *head, Node *local)
+{
+    list::check_links(head, tovi_timer_show);
+    Links::splice_init(head, local);
+}
 
 bool on_timer_thread()
 {
@@ -180,7 +118,7 @@ void root_reset(TimerRoot &root, uint64_t now)
     for (uint32_t level = 0; level < kLevels; ++level) {
         Node *heads = level_heads(root, level);
         for (uint32_t i = 0; i < kSlotCount[level]; ++i)
-            init_head(&heads[i]);
+            Links::init(&heads[i]);
     }
     root.lock.lock = 0;
     root.lock.magic = TOVI_SPINLOCK_MAGIC;
@@ -222,25 +160,24 @@ void attachTimerToList(TimerRoot &root, tovi_timer *timer)
 {
     const uint64_t base = root.timerMs;
     uint64_t e = timer->expirTime;
-    const uint64_t d = e - base;
-    Node *head;
-    if (e <= base)
-        head = &root.tv0[base % kTv0Slots];  // already due: the slot about to be processed
-    else if (d < 1000)
-        head = &root.tv0[e % kTv0Slots];
-    else if (d < 60000)
-        head = &root.tv1[(e / 1000) % kTvSlots];
-    else if (d < 3600000)
-        head = &root.tv2[(e / 60000) % kTvSlots];
-    else if (d < 216000000)
-        head = &root.tv3[(e / 3600000) % kTvSlots];
-    else {
-        // Beyond the wheel: filed at its far end and filed again from there.
-        if (d > kWheelSpan)
-            e = base + kWheelSpan;
-        head = &root.tv4[(e / 216000000) % kTv4Slots];
+    uint64_t d = e - base;
+    if (e <= base) {
+        // Already due: the slot about to be processed.
+        Links::add_tail(&timer->entry, &root.tv0[base % kTv0Slots]);
+        return;
     }
-    link_tail(&timer->entry, head);
+    // Beyond the wheel: filed at its far end and filed again from there.
+    if (d > kWheelSpan) {
+        e = base + kWheelSpan;
+        d = kWheelSpan;
+    }
+    // The lowest level whose slots still cover the distance; each level
+    // spans one slot of the next.
+    uint32_t level = 0;
+    while (level + 1 < kLevels && d >= kSlotWidth[level + 1])
+        ++level;
+    Node *head = &level_heads(root, level)[slot_index(e, level)];
+    Links::add_tail(&timer->entry, head);
 }
 
 void detachTimerFromList(TimerRoot &root, tovi_timer *timer, bool clearNext, uint64_t now)
@@ -248,31 +185,16 @@ void detachTimerFromList(TimerRoot &root, tovi_timer *timer, bool clearNext, uin
     Node *entry = &timer->entry;
     Node *prev = entry->prev;
     Node *next = entry->next;
-    if (prev == nullptr || prev == list::kPoisonPrev) {
-        TOVI_LOG(kInfo, "List node prev:(%p), cur:(%p)", static_cast<void *>(prev), static_cast<void *>(entry));
-    } else if (prev->next != entry) {
-        TOVI_LOG(kError, "Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)",
-                 static_cast<void *>(prev), static_cast<void *>(prev->next), static_cast<void *>(prev->prev),
-                 static_cast<void *>(entry), static_cast<void *>(next), static_cast<void *>(prev));
-        tovi_timer_show(prev);
-        tovi_timer_show(entry);
-    }
-    if (!bad_link(next) && next->prev != entry) {
-        TOVI_LOG(kError, "Abnormal list node next:%p(%p,%p) is not point to cur:%p(%p,%p)",
-                 static_cast<void *>(next), static_cast<void *>(next->next), static_cast<void *>(next->prev),
-                 static_cast<void *>(entry), static_cast<void *>(next), static_cast<void *>(prev));
-        tovi_timer_show(next);
-        tovi_timer_show(entry);
-    }
+    list::check_unlink(entry, tovi_timer_show);
     // Broken links are reported, not repaired; only a pointer that leads
     // nowhere is not written through.
-    if (!bad_link(next))
-        next->prev = prev;
-    if (!bad_link(prev))
-        set_next(prev, next);
+    if (!list::bad_link(next))
+        Links::store(&next->prev, prev);
+    if (!list::bad_link(prev))
+        Links::store(&prev->next, next);
     if (clearNext)
-        set_next(entry, nullptr);
-    entry->prev = list::kPoisonPrev;
+        Links::store(&entry->next, nullptr);
+    Links::store(&entry->prev, list::kPoisonPrev);
     if (--root.pendingCount == 0)
         set_empty_base(root, now);
 }
@@ -281,12 +203,12 @@ uint32_t recalculate_timer_slot(TimerRoot &root, uint32_t level, uint32_t index)
 {
     LocalList local;
     Node *head = local.head();
-    TOVI_TIMER_SPLICE(&level_heads(root, level)[index], head);
+    splice_slot(&level_heads(root, level)[index], head);
     Node *last = head;
     Node *cur = head->next;
     while (cur != head) {
         Node *next = cur->next;
-        TOVI_TIMER_CHECK_NODE(cur, last);
+        list::check_step(cur, last);
         attachTimerToList(root, timer_of(cur));
         last = cur;
         cur = next;
@@ -365,17 +287,17 @@ void run_timers(TimerRoot &root, uint64_t now)
         const uint32_t slot = static_cast<uint32_t>(ms % kTv0Slots);
         // At each whole second the next level down is refilled; a level
         // whose index wrapped to 0 refills from the one above it.
-        if (slot == 0 && recalculate_timer_slot(root, 1, static_cast<uint32_t>((ms / 1000) % kTvSlots)) == 0 &&
-            recalculate_timer_slot(root, 2, static_cast<uint32_t>((ms / 60000) % kTvSlots)) == 0 &&
-            recalculate_timer_slot(root, 3, static_cast<uint32_t>((ms / 3600000) % kTvSlots)) == 0)
-            recalculate_timer_slot(root, 4, static_cast<uint32_t>((ms / 216000000) % kTv4Slots));
+        if (slot == 0)
+            for (uint32_t level = 1; level < kLevels; ++level)
+                if (recalculate_timer_slot(root, level, slot_index(ms, level)) != 0)
+                    break;
         root.timerMs = ms + 1;
-        TOVI_TIMER_SPLICE(&root.tv0[slot], head);
+        splice_slot(&root.tv0[slot], head);
         // Front first, re-reading the head each time: while the lock is
         // dropped other threads may delete or re-arm timers of this list.
         while (head->next != head) {
             Node *cur = head->next;
-            TOVI_TIMER_CHECK_NODE(cur, head);
+            list::check_step(cur, head);
             tovi_timer *timer = timer_of(cur);
             // Relaxed: read by remove() under the lock held here.
             __atomic_store_n(&root.runningTimer, timer, __ATOMIC_RELAXED);
@@ -414,11 +336,9 @@ void run_timer_func(tovi_timer *timer)
     const auto addr = static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(timer));
     const auto faddr = static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(func));
     const auto ms = static_cast<unsigned long long>(cost);
-    static log::RateSite site;
-    if (vrlog_level_check(TOVI_MODULE_ID, kInfo) == 0 &&
-        log::ratelimit_allow(site, tovi_get_jiffies(), kInfo, TOVI_LOG_FILE, __func__, __LINE__))
-        TOVI_LOG(kWarning, "Timer 0x%llx func 0x%llx added by %s cost %llu ms.", addr, faddr, name, ms);
-    TOVI_TIMER_INFRA(kWarning, "[Infra]Timer 0x%llx func 0x%llx added by %s cost %llu ms.", addr, faddr, name, ms);
+    TOVI_LOG_RATELIMITED_GATED(kInfo, kWarning, "Timer 0x%llx func 0x%llx added by %s cost %llu ms.", addr, faddr,
+                               name, ms);
+    TOVI_LOG_INFRA(kWarning, "Timer 0x%llx func 0x%llx added by %s cost %llu ms.", addr, faddr, name, ms);
 }
 
 int64_t list_pending(TimerRoot &root, tovi_timer_info_s *out, uint32_t max)
@@ -460,14 +380,9 @@ extern "C" void tovi_timer_show(tovi_list_head_s *entry)
     const auto func = reinterpret_cast<void *>(t->func);
     const int isp = static_cast<int8_t>(t->isp);
     const int flags = static_cast<int8_t>(t->flags);
-    TOVI_TIMER_INFRA(tovi::log::kInfo,
-                     "[Infra]Timer entry:%p, expirTime:%lu, timeOut:%lu, data:%lu, func:%p         isp:%x "
-                     "flags:%x in funcName:%s file:%s line:%d",
-                     static_cast<void *>(entry), t->expirTime, t->timeOut, t->data, func, isp, flags, t->funcName,
-                     t->file, t->line);
-    TOVI_LOG(tovi::log::kInfo,
-             "Timer entry:%p, expirTime:%lu, timeOut:%lu, data:%lu, func:%p         isp:%x "
-             "flags:%x in funcName:%s file:%s line:%d",
-             static_cast<void *>(entry), t->expirTime, t->timeOut, t->data, func, isp, flags, t->funcName, t->file,
-             t->line);
+    TOVI_LOG_WITH_INFRA(tovi::log::kInfo,
+                        "Timer entry:%p, expirTime:%lu, timeOut:%lu, data:%lu, func:%p         isp:%x "
+                        "flags:%x in funcName:%s file:%s line:%d",
+                        static_cast<void *>(entry), t->expirTime, t->timeOut, t->data, func, isp, flags,
+                        t->funcName, t->file, t->line);
 }
