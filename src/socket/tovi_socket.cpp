@@ -73,6 +73,14 @@ uint32_t version(uint32_t family)
     return family == AF_INET ? 4u : family == AF_INET6 ? 6u : 0u;
 }
 
+// A temporary file named by an address, as the C library prints "%p"
+// ("0x7ffd..."), which is also how the address appears in the log.
+bool temp_name(char (&buf)[64], const char *fmt, const void *p)
+{
+    int n = std::snprintf(buf, sizeof buf, fmt, p);
+    return n > 0 && static_cast<size_t>(n) < sizeof buf;
+}
+
 void remove_file(const char *path)
 {
     Cmd rm;
@@ -277,7 +285,7 @@ int32_t addr_count_cfg(unsigned ver, const char *if_name, uint32_t *count)
 {
     char file[64];
     Cmd temp, grep;
-    if (!format(file, sizeof file, "/tmp/ifcfg-%p", static_cast<void *>(count)) ||
+    if (!temp_name(file, "/tmp/ifcfg-%p", count) ||
         !format(temp.text, sizeof temp.text, " %s %s ", file, if_name))
         return -22;
     if (dangerous(temp.text)) {
@@ -336,7 +344,7 @@ int32_t addr_show_cfg(unsigned ver, const char *if_name, tovi_ip_addr_s *result,
     if (int32_t ret = ip_addr_show_cfg_param_check(if_name, result, count); ret != 0)
         return ret;
     char file[64];
-    if (!format(file, sizeof file, "/tmp/ifcfg-%p", static_cast<void *>(result)))
+    if (!temp_name(file, "/tmp/ifcfg-%p", result))
         return -22;
     int32_t ret = query_addrs(ver, file, if_name);
     uint32_t cap = *count, n = 0;
@@ -597,7 +605,7 @@ int32_t tovi_execute_result(const char *cmd, char *out, uint32_t len)
     }
     char file[64];
     Cmd full;
-    if (!format(file, sizeof file, "/tmp/%p_mtu", static_cast<void *>(out)) ||
+    if (!temp_name(file, "/tmp/%p_mtu", out) ||
         !format(full.text, sizeof full.text, "%s >%s 2>/dev/null", cmd, file))
         return -22;
     int32_t ret = run(full.text, kToFile);
@@ -678,7 +686,7 @@ int32_t tovi_ip_addr_show_v6(const char *if_name, tovi_ip_addr_s *result, uint32
     }
     char file[64];
     Cmd cmd;
-    if (!format(file, sizeof file, "/tmp/ifcfg-%p", static_cast<void *>(result)))
+    if (!temp_name(file, "/tmp/ifcfg-%p", result))
         return -22;
     if (dangerous(file) || dangerous(if_name)) {
         TOVI_LOG(kError, "Param error: path_v6(%s) or if_name(%s) is dangerous.", file, if_name);
