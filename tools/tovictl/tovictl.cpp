@@ -297,6 +297,7 @@ int tovictl_threads(int argc, char **argv);
 int tovictl_mem(int argc, char **argv);
 int tovictl_timers(int argc, char **argv);
 int tovictl_cfg(int argc, char **argv);
+int tovictl_net(int argc, char **argv);
 
 namespace {
 
@@ -309,6 +310,7 @@ const Command kCommands[] = {
     {"mem", "mem                  the tracked memory of each module", tovictl_mem},
     {"timers", "timers [-n COUNT]    the pending timers (-n: arm COUNT sample timers first)", tovictl_timers},
     {"cfg", "cfg VERB FILE ...     get|set|add|del|delsection|dump an ini file", tovictl_cfg},
+    {"net", "net IFNAME           addresses, recorded rules and routes of an interface; the sshd port", tovictl_net},
 };
 
 int usage(FILE *out, int code)
