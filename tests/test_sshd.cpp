@@ -19,58 +19,15 @@
 #include "tovi_sshd.h"
 
 using tovi::test::LogCapture;
+using tovi::test::read_file;
+using tovi::test::report_from_child;
+using tovi::test::write_file;
 using tovi::test::ShellRecorder;
 using Texts = std::vector<std::string>;
 
 namespace {
 
 constexpr const char *kKept = "/startup_disk/conf/conf_local/sshd_port.conf";
-
-bool write_file(const std::string &path, const std::string &text, mode_t mode = 0644)
-{
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
-    bool ok = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    return fd >= 0 && close(fd) == 0 && ok;
-}
-
-std::string read_file(const std::string &path)
-{
-    std::string out;
-    FILE *f = fopen(path.c_str(), "r");
-    for (int c; f != nullptr && (c = fgetc(f)) != EOF;)
-        out += static_cast<char>(c);
-    if (f != nullptr)
-        fclose(f);
-    return f == nullptr ? "<none>" : out;
-}
-
-// Runs body in a forked child and returns what it reports ("" for success).
-std::string in_child(const std::function<std::string()> &body)
-{
-    int fds[2];
-    if (pipe(fds) != 0)
-        return "pipe";
-    int rc = tovi::test::run_in_child([&] {
-        close(fds[0]);
-        std::string out = body();
-        return write(fds[1], out.data(), out.size()) == static_cast<ssize_t>(out.size()) ? 0 : 1;
-    });
-    close(fds[1]);
-    std::string out;
-    char buf[512];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;)
-        out.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    return rc == 0 ? out : out + " (child status " + std::to_string(rc) + ")";
-}
-
-// A private /etc/ssh holding `config` (none when config is "<none>").
-bool private_etc_ssh(const std::string &config)
-{
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/etc/ssh", "tmpfs", 0, nullptr) == 0 &&
-           (config == "<none>" || write_file("/etc/ssh/sshd_config", config));
-}
 
 // A root of this child's own: the host's directories bound in, an empty
 // /tmp, "/startup_disk/conf/conf_local/", a private /etc/ssh with `config`,
@@ -115,12 +72,6 @@ bool private_root(const std::string &config, bool netstat, bool fsync)
            (config == "<none>" || write_file("/etc/ssh/sshd_config", config));
 }
 
-#define CHECK(cond)                                                              \
-    do {                                                                         \
-        if (!(cond))                                                             \
-            return std::string("line ") + std::to_string(__LINE__) + ": " #cond; \
-    } while (0)
-
 // The module-0 messages, as "level text".
 Texts module0(const LogCapture &cap)
 {
@@ -135,40 +86,26 @@ Texts module0(const LogCapture &cap)
 
 TEST(Sshd, ReadsTheFirstUncommentedPortLine)
 {
-    const std::pair<const char *, int32_t> cases[] = {
-        {"Port 2200\n", 2200},
-        {"#Port 22\n", 22},
-        {"\nProtocol 2\nPort 7\nPort 8\n", 7},
-        {"Port 99 # old\nPort 100\n", 100},
-        {"  Port 1\nPortal 5\n", 22},
-        {"", 22},
-        {"Port 65537\n", 1},  // stored as u16
-    };
-    for (const auto &[config, port] : cases) {
-        std::string failure = in_child([config = config, port = port]() -> std::string {
-            if (!private_etc_ssh(config))
-                return "SKIP";
-            uint16_t got = 0;
-            CHECK(tovi_get_sshd_port(&got) == 0);
-            return got == port ? "" : "port " + std::to_string(got);
-        });
-        if (failure == "SKIP")
-            GTEST_SKIP() << "no private mount namespace here";
-        EXPECT_EQ(failure, "") << config;
-    }
-    std::string failure = in_child([]() -> std::string {
-        if (!private_etc_ssh("<none>"))
+    std::string failure = report_from_child([]() -> std::string {
+        if (!private_root("<none>", false, false))
             return "SKIP";
         LogCapture cap;
         uint16_t got = 0;
-        CHECK(tovi_get_sshd_port(&got) == -1 && tovi_get_sshd_port(nullptr) == -22);
-        CHECK(module0(cap) == (Texts{"3 tovi_get_sshd_port:tovi_open /etc/ssh/sshd_config fail, -1\n",
-                                     "3 tovi_get_sshd_port:Param error: null pointer.\n"}));
+        CHILD_CHECK(tovi_get_sshd_port(&got) == -1 && tovi_get_sshd_port(nullptr) == -22);
+        CHILD_CHECK(module0(cap) == (Texts{"3 tovi_get_sshd_port:tovi_open /etc/ssh/sshd_config fail, -1\n",
+                                           "3 tovi_get_sshd_port:Param error: null pointer.\n"}));
+        const std::pair<const char *, uint16_t> cases[] = {
+            {"Port 2200\n", 2200}, {"#Port 22\n", 22}, {"\nProtocol 2\nPort 7\nPort 8\n", 7},
+            {"Port 99 # old\nPort 100\n", 100}, {"  Port 1\nPortal 5\n", 22}, {"", 22}, {"Port 65537\n", 1},
+        };
+        for (const auto &[config, port] : cases)
+            if (!write_file("/etc/ssh/sshd_config", config) || tovi_get_sshd_port(&got) != 0 || got != port)
+                return std::string(config) + " gave " + std::to_string(got);
         return "";
     });
-    if (failure != "SKIP") {
-        EXPECT_EQ(failure, "");
-    }
+    if (failure == "SKIP")
+        GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(failure, "");
 }
 
 // The command sequence of a port change: which edit is chosen, where a
@@ -211,14 +148,14 @@ TEST(Sshd, PortChangeCommands)
          {"3 tovi_set_sshd_port:Execute cmd(" + fsync + ") fail(32512).\n"}},
     };
     for (const Case &c : cases) {
-        std::string failure = in_child([&c]() -> std::string {
-            if (!private_etc_ssh(c.config))
+        std::string failure = report_from_child([&c]() -> std::string {
+            if (!private_root(c.config, false, false))
                 return "SKIP";
             ShellRecorder shell;
             LogCapture cap;
             shell.status = c.status;
-            CHECK(tovi_set_sshd_port(2222) == c.rc);
-            CHECK(shell.commands == c.commands);
+            CHILD_CHECK(tovi_set_sshd_port(2222) == c.rc);
+            CHILD_CHECK(shell.commands == c.commands);
             return module0(cap) == c.messages ? "" : testing::PrintToString(module0(cap));
         });
         if (failure == "SKIP")
@@ -262,14 +199,14 @@ TEST(Sshd, PortChangeEditsTheFilesUnderAPrivateRoot)
         {"Port 2200\n", false, true, 22, 0, "Port 22\n", "22\n"},
     };
     for (const Case &c : cases) {
-        std::string failure = in_child([&c]() -> std::string {
+        std::string failure = report_from_child([&c]() -> std::string {
             if (!private_root(c.config, c.netstat, c.fsync))
                 return "SKIP";
-            CHECK(tovi_set_sshd_port(c.port) == c.rc);
-            CHECK(read_file("/etc/ssh/sshd_config") == c.after);
-            CHECK(read_file(kKept) == c.kept);
+            CHILD_CHECK(tovi_set_sshd_port(c.port) == c.rc);
+            CHILD_CHECK(read_file("/etc/ssh/sshd_config") == c.after);
+            CHILD_CHECK(read_file(kKept) == c.kept);
             uint16_t port = 0;
-            CHECK(tovi_get_sshd_port(&port) == 0 && port == c.port);
+            CHILD_CHECK(tovi_get_sshd_port(&port) == 0 && port == c.port);
             return "";
         });
         if (failure == "SKIP")
