@@ -69,6 +69,7 @@ TEST(Socket, CommandLinesResultsAndRefusals)
     memset(full.src, '1', sizeof full.src);
     uint32_t n = 1;
     tovi_ip_addr_s addrs[1];
+    char out[8];
     struct Case {
         std::function<int32_t()> call;
         int32_t status, rc;  // raw wait status of the command, result
@@ -148,6 +149,7 @@ TEST(Socket, CommandLinesResultsAndRefusals)
         {CALL(tovi_ip_addr_count_v6("a`b", &n)), 0, -22, "", "Param error: if_name(a`b) is dangerous."},
         {CALL(tovi_ip_addr_show_cfg("a&b", addrs, &n)), 0, -22, "", "Param error: if_name(a&b) is dangerous."},
         {CALL(tovi_ip_addr_show_v6("a>b", addrs, &n)), 0, -22, "", "or if_name(a>b) is dangerous."},
+        {CALL(tovi_execute_result("echo a; reboot", out, sizeof out)), 0, -29, "", "Cmd echo a; reboot >/tmp/"},
     };
 #undef CALL
     for (const Case &c : cases) {

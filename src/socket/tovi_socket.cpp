@@ -609,6 +609,8 @@ int32_t tovi_execute_result(const char *cmd, char *out, uint32_t len)
         !format(full.text, sizeof full.text, "%s >%s 2>/dev/null", cmd, file))
         return -22;
     int32_t ret = run(full.text, kToFile);
+    if (ret == -29)
+        return ret;  // refused: no shell ran, no file to remove
     if (ret == 0) {
         int32_t fd = tovi_open(file, O_RDONLY, 0);
         if (fd < 0) {
