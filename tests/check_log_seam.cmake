@@ -44,6 +44,8 @@ set(names
   str/tovi_str.cpp=tovi_str
   timer/tovi_hr_timer.cpp=tovi_hr_timer
   timer/tovi_timer_posix.cpp=tovi_timer_posix
+  socket/tovi_socket.cpp=tovi_socket_rule_route
+  sshd/tovi_sshd.cpp=tovi_sshd
   semaphore/tovi_semaphore.cpp=tovi_sem_enhance
   symbol/tovi_symbol.cpp=tovi_symbol
   time/tovi_time.cpp=tovi_time

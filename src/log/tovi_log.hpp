@@ -112,3 +112,9 @@ uint64_t current_jiffies();
          ? vrlog(TOVI_MODULE_ID, (level), TOVI_LOG_SOURCE, __LINE__, __func__, 0,          \
                  fmt __VA_OPT__(, ) __VA_ARGS__)                                         \
          : 0)
+
+// A message under module 0 (the system's own), for modules that report
+// there rather than under the library's number: the text is prefixed with
+// the calling function's name and a colon, as "%s:" fmt.
+#define TOVI_LOG_MODULE0(level, fmt, ...) \
+    TOVI_LOG_AT(0u, level, "%s:" fmt, __func__ __VA_OPT__(, ) __VA_ARGS__)

@@ -298,6 +298,7 @@ int tovictl_mem(int argc, char **argv);
 int tovictl_timers(int argc, char **argv);
 int tovictl_cfg(int argc, char **argv);
 int tovictl_work(int argc, char **argv);
+int tovictl_net(int argc, char **argv);
 
 namespace {
 
@@ -311,6 +312,7 @@ const Command kCommands[] = {
     {"timers", "timers [-n COUNT]    the pending timers (-n: arm COUNT sample timers first)", tovictl_timers},
     {"cfg", "cfg VERB FILE ...     get|set|add|del|delsection|dump an ini file", tovictl_cfg},
     {"work", "work [-n COUNT]      the work pool's and hr timers' counters under a sample load", tovictl_work},
+    {"net", "net IFNAME           addresses, recorded rules and routes of an interface; the sshd port", tovictl_net},
 };
 
 int usage(FILE *out, int code)
