@@ -116,6 +116,9 @@ int nice_now()
     return getpriority(PRIO_PROCESS, 0);
 }
 
+// The suite may itself run under nice: "unchanged" means the value it started with.
+const int start_nice = nice_now();
+
 uint64_t usage_of_library()
 {
     uint64_t *table = nullptr;
@@ -736,7 +739,7 @@ TEST_F(Strategy, NumbersAboveFiveAreRefusedOrIgnored)
     on_tovi_thread([] {
         const std::vector<int> before = affinity_of_caller();
         EXPECT_EQ(tovi_setCurThreadStrategy(7), 0u);
-        EXPECT_EQ(nice_now(), 0);
+        EXPECT_EQ(nice_now(), start_nice);
         EXPECT_EQ(affinity_of_caller(), before);
         EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
         // With no valid entry nothing is applied.
@@ -759,7 +762,7 @@ TEST_F(Strategy, ABadCpuListLeavesTheEntryInvalid)
                                    "Invalid cpu mask info:NULL."}));
     on_tovi_thread([] {
         EXPECT_EQ(tovi_setCurThreadStrategy(2), 0u);
-        EXPECT_EQ(nice_now(), 0);
+        EXPECT_EQ(nice_now(), start_nice);
         EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
     });
 }
@@ -777,7 +780,7 @@ TEST_F(Strategy, NewThreadsAdoptEntryZero)
         EXPECT_EQ(affinity_of_caller(), std::vector<int>{cpu});
         EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
     });
-    std::thread plain([] { EXPECT_EQ(nice_now(), 0); });
+    std::thread plain([] { EXPECT_EQ(nice_now(), start_nice); });
     plain.join();
 }
 
@@ -790,7 +793,7 @@ TEST_F(Strategy, AnInvalidEntryFallsBackToEntryZeroAndRecordsTheNumberAsked)
         const std::string list = std::to_string(cpu);
         tovi_thread_strategy_s desc{4, list.c_str()};
         ASSERT_EQ(tovi_initThreadStrategy(0, &desc), 0u);
-        EXPECT_EQ(nice_now(), 0);
+        EXPECT_EQ(nice_now(), start_nice);
         EXPECT_EQ(tovi_setCurThreadStrategy(3), 0u);
         EXPECT_EQ(nice_now(), 4);
         EXPECT_EQ(affinity_of_caller(), std::vector<int>{cpu});
@@ -846,7 +849,7 @@ TEST_F(Strategy, PriorityLevelsMapToNiceValues)
     LogCapture cap;
     on_tovi_thread([] {
         tovi_thrd_setprio(5);
-        EXPECT_EQ(nice_now(), 0);
+        EXPECT_EQ(nice_now(), start_nice);
         tovi_thrd_setprio(3);
         EXPECT_EQ(nice_now(), 10);
         tovi_thrd_setprio(4);
@@ -866,7 +869,7 @@ TEST_F(Strategy, PriorityLevelsMapToNiceValues)
             EXPECT_EQ(nice_now(), 0);
         }
     });
-    std::thread plain([] { EXPECT_EQ(nice_now(), 0); });
+    std::thread plain([] { EXPECT_EQ(nice_now(), start_nice); });
     plain.join();
     if (geteuid() == 0)
         EXPECT_TRUE(cap.texts().empty());
