@@ -6,6 +6,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 dir=build/coverage
+# ccache would record sources relative to each object's folder, which gcovr
+# cannot resolve: compile these objects afresh.
+export CCACHE_DISABLE=1
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DTOVI_BUILD_BENCH=OFF \
     -DCMAKE_C_FLAGS=--coverage -DCMAKE_CXX_FLAGS=--coverage \
     -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage >/dev/null

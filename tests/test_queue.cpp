@@ -63,50 +63,6 @@ TEST(Queue, CreateRefusesCountsThatAreNotAPowerOfTwoBelowTheLimit)
     EXPECT_TRUE(cap.texts().empty());
 }
 
-TEST(Queue, CreateLaysOutTheHeaderInFourBlocks)
-{
-    Ring ring(16, 0x41);  // bit 0 and an unknown bit
-    tovi_ring_t *r = ring;
-    ASSERT_NE(r, nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(r) % 128, 0u);
-    EXPECT_EQ(reinterpret_cast<char *>(r->slots()) - reinterpret_cast<char *>(r), 512);
-    EXPECT_EQ(r->gen.flags, 0x41u) << "unknown bits are kept";
-    EXPECT_EQ(r->prod.watermark, 16u);
-    EXPECT_EQ(r->prod.sp_enqueue, 1u);
-    EXPECT_EQ(r->cons.sc_dequeue, 0u);
-    for (auto [size, mask] : {std::pair{r->prod.size, r->prod.mask}, std::pair{r->cons.size, r->cons.mask},
-                              std::pair{r->spare.size, r->spare.mask}}) {
-        EXPECT_EQ(size, 16u);
-        EXPECT_EQ(mask, 15u);
-    }
-    EXPECT_EQ(r->spare.zero[0] | r->spare.zero[1], 0u);
-    EXPECT_EQ(r->prod.head | r->prod.tail | r->cons.head | r->cons.tail, 0u);
-}
-
-TEST(Queue, FlagFourMeansBothSidesSingle)
-{
-    struct Case {
-        uint32_t flags, stored, sp, sc;
-    };
-    for (auto c : {Case{0, 0, 0, 0}, Case{1, 1, 1, 0}, Case{2, 2, 0, 2}, Case{3, 3, 1, 2}, Case{4, 3, 1, 2},
-                   Case{5, 5, 1, 0}, Case{6, 6, 0, 2}}) {
-        Ring r(8, c.flags);
-        EXPECT_EQ(r->gen.flags, c.stored) << c.flags;
-        EXPECT_EQ(r->prod.sp_enqueue, c.sp) << c.flags;
-        EXPECT_EQ(r->cons.sc_dequeue, c.sc) << c.flags;
-    }
-}
-
-TEST(Queue, DeleteClearsThePointerAndMayBeRepeated)
-{
-    tovi_ring_t *r = tovi_ring_create(4, 0);
-    ASSERT_NE(r, nullptr);
-    tovi_ring_delete(&r);
-    EXPECT_EQ(r, nullptr);
-    tovi_ring_delete(&r);
-    tovi_ring_delete(nullptr);
-}
-
 TEST(Queue, NullRingIsReportedByTheQueriesAndSingleObjectCalls)
 {
     LogCapture cap;
@@ -121,22 +77,6 @@ TEST(Queue, NullRingIsReportedByTheQueriesAndSingleObjectCalls)
     EXPECT_EQ(obj, 7u);
     EXPECT_EQ(cap.texts(3), std::vector<std::string>(7, kNullRing));
     EXPECT_EQ(cap.texts().size(), 7u);
-}
-
-TEST(Queue, OneSlotRingIsAlwaysFull)
-{
-    Ring r(1, 0);
-    uint64_t objs[2] = {1, 2};
-    EXPECT_EQ(tovi_ring_size(r), 1u);
-    EXPECT_EQ(tovi_ring_full(r), 1u);
-    EXPECT_EQ(tovi_ring_empty(r), 1u);
-    EXPECT_EQ(tovi_ring_free_count(r), 0u);
-    EXPECT_EQ(tovi_ring_enqueue(r, 1), -105);
-    EXPECT_EQ(tovi_ring_enqueue_bulk(r, objs, 1), -105);
-    EXPECT_EQ(tovi_ring_enqueue_burst(r, objs, 2), 0u);
-    EXPECT_EQ(tovi_ring_dequeue(r, objs), -2);
-    EXPECT_EQ(tovi_ring_count(r), 0u);
-    EXPECT_EQ(r->prod.head, 0u) << "a refused enqueue reserves nothing";
 }
 
 TEST(Queue, EightSlotsHoldSevenAndBulkIsAllOrNothing)
@@ -173,22 +113,6 @@ TEST(Queue, EightSlotsHoldSevenAndBulkIsAllOrNothing)
     }
 }
 
-TEST(Queue, EmptyRingGivesNothing)
-{
-    Ring r(8, 0);
-    uint64_t out[4] = {5, 5, 5, 5};
-    EXPECT_EQ(tovi_ring_dequeue(r, out), -2);
-    EXPECT_EQ(tovi_ring_dequeue_burst(r, out, 4), 0u);
-    EXPECT_EQ(tovi_ring_enqueue(r, 1), 0);
-    EXPECT_EQ(tovi_ring_dequeue_bulk(r, out, 2), -2);
-    EXPECT_EQ(out[0], 5u) << "a refused dequeue writes nothing";
-    EXPECT_EQ(r->cons.head, 0u);
-    // Zero objects: nothing to move, nothing refused.
-    EXPECT_EQ(tovi_ring_dequeue_bulk(r, out, 0), 0);
-    EXPECT_EQ(tovi_ring_enqueue_bulk(r, out, 0), 0);
-    EXPECT_EQ(tovi_ring_count(r), 1u);
-}
-
 TEST(Queue, IndexesWrapAround32Bits)
 {
     for (uint32_t flags : {0u, 3u}) {
@@ -212,21 +136,6 @@ TEST(Queue, IndexesWrapAround32Bits)
         EXPECT_EQ(r->prod.tail, 0xFFFFFFF6u + 78u);
         EXPECT_EQ(r->cons.tail, r->prod.tail);
     }
-}
-
-TEST(Queue, FullAndCountAreRightAcrossTheIndexWrap)
-{
-    Ring r(8, 3);
-    set_indexes(r, 0xFFFFFFFCu);
-    auto in = seq(1, 7);
-    ASSERT_EQ(tovi_ring_enqueue_bulk(r, in.data(), 7), 0);  // producer tail wraps to 3
-    EXPECT_EQ(r->prod.tail, 3u);
-    EXPECT_EQ(tovi_ring_count(r), 7u);
-    EXPECT_EQ(tovi_ring_full(r), 1u);
-    EXPECT_EQ(tovi_ring_enqueue(r, 8), -105);
-    uint64_t out[7];
-    ASSERT_EQ(tovi_ring_dequeue_bulk(r, out, 7), 0);
-    EXPECT_EQ(std::vector<uint64_t>(out, out + 7), in);
 }
 
 TEST(Queue, AboveTheWatermarkObjectsAreStoredButFlagged)
