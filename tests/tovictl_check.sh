@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# tovictl_check.sh TOVICTL: the tool end to end.
+# tovictl_check.sh [EMULATOR] TOVICTL: the tool end to end.
 #  - every verb answers bad arguments with one line on standard error, nothing
 #    on standard output, and the exit status the table gives;
 #  - the demo uses the library as a caller should: its timers fire, no ERROR,
 #    and the library's own messages only with -v or VRLOG_LEVEL.
 set -uo pipefail
-tool=$1
+tool=("$@")  # the cross build runs it under its emulator
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 failures=0
@@ -46,7 +46,7 @@ fi
 for c in "${cases[@]}"; do
   IFS='|' read -r want msg args <<<"$c"
   # shellcheck disable=SC2086  # the arguments are words
-  "$tool" $args >"$tmp/out" 2>"$tmp/err"
+  "${tool[@]}" $args >"$tmp/out" 2>"$tmp/err"
   got=$?
   [ "$got" -eq "$want" ] || fail "tovictl $args: status $got, expected $want"
   [ -s "$tmp/out" ] && fail "tovictl $args: printed on standard output: $(cat "$tmp/out")"
@@ -55,7 +55,7 @@ for c in "${cases[@]}"; do
 done
 
 # The demo: every timer fires, nothing goes wrong, and only the tool speaks.
-env -u VRLOG_LEVEL "$tool" demo >"$tmp/out" 2>&1 || fail "tovictl demo: status $?"
+env -u VRLOG_LEVEL "${tool[@]}" demo >"$tmp/out" 2>&1 || fail "tovictl demo: status $?"
 for ms in '10' '50' '120'; do
   grep -Eq "^timer of +$ms ms fired [0-9]+\.[0-9]{3} ms after its due millisecond$" "$tmp/out" ||
     fail "tovictl demo: the $ms ms timer did not report firing"
@@ -64,9 +64,9 @@ grep -Eq '^woke thread [0-9]+ \(tovi_wake_up_process=0\): tovi_wait_comm returne
   "$tmp/out" || fail "tovictl demo: the woken thread did not report its jiffies left"
 grep -q 'ERROR' "$tmp/out" && fail "tovictl demo: an ERROR line: $(grep ERROR "$tmp/out")"
 grep -q 'Tovi init start.' "$tmp/out" && fail "tovictl demo: the library's start messages by default"
-env -u VRLOG_LEVEL "$tool" -v info >"$tmp/out" 2>&1
+env -u VRLOG_LEVEL "${tool[@]}" -v info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "tovictl -v info: the library's messages are missing"
-VRLOG_LEVEL=6 "$tool" info >"$tmp/out" 2>&1
+VRLOG_LEVEL=6 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=6 tovictl info: the library's messages are missing"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
