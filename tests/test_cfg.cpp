@@ -462,6 +462,44 @@ TEST_F(Cfg, FailedEditsLeaveTheFileAsItWas)
                                   "Exec write operate failed."}));
 }
 
+// The node-level calls that the editors are built from, on one parsed node.
+TEST_F(Cfg, NodeOperationsWorkOnAParsedNode)
+{
+    std::string p = path("n.ini");
+    spit(p, "[A]\nx=1\n");
+    CfgFileNode *node = tovi::cfg::tovi_cfg_ini_file_parse(p.c_str(), tovi::cfg::tovi_cfg_file_proc, nullptr);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(tovi_cfg_add_item_func(node, "B", "y", "2"), 0);
+    EXPECT_EQ(tovi_cfg_set_item_func(node, "A", "x", "3"), 0);
+    EXPECT_EQ(tovi_cfg_del_section_func(node, "A", nullptr, nullptr), 0);
+    EXPECT_EQ(tovi_cfg_updateFileNode(node), -1);  // not loaded: the caller keeps it
+
+    // The temporary file takes the real file's mode; either name missing is refused.
+    chmod(p.c_str(), 0640);
+    int real = open(p.c_str(), O_RDONLY);
+    char *name = nullptr;
+    EXPECT_EQ(tovi_cfg_create_tmpfile(nullptr, real, &name), -1);
+    EXPECT_EQ(tovi_cfg_create_tmpfile(p.c_str(), real, nullptr), -1);
+    int fd = tovi_cfg_create_tmpfile(p.c_str(), real, &name);
+    close(real);
+    ASSERT_GE(fd, 0);
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(std::string(name), p + ".temp");
+    struct stat st {};
+    ASSERT_EQ(fstat(fd, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    TOVI_FREE(name);
+    ASSERT_EQ(write(fd, std::string(100, '#').data(), 100), 100);  // longer than the text: cut to it
+    EXPECT_EQ(tovi_cfg_writeFnodeTofile(fd, node), 0);
+    close(fd);
+    EXPECT_EQ(slurp(p + ".temp"), "[B]\ny=2\n");
+    tovi::cfg::free_file_node(node);
+
+    LogCapture cap;
+    EXPECT_EQ(tovi_cfg_new_item_node_ex(std::string(64, 'n').c_str(), "v"), nullptr);
+    EXPECT_EQ(cap.texts(), Texts{"Strcpy pItemName failed."});
+}
+
 // Every allocation of a load and of an edit fails once in turn: each
 // attempt either succeeds or fails with the file, the cache and the
 // module's memory exactly as before.
