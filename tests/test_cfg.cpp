@@ -723,3 +723,23 @@ TEST_F(Cfg, WriteItemRefusesBadArgumentsAndKeepsTheFile)
 }
 
 }  // namespace
+
+TEST_F(Cfg, EditorsNeedAnExistingFileAndArguments)
+{
+    std::string p = path("none.ini");
+    LogCapture cap;
+    EXPECT_EQ(tovi_cfg_file_addItem(p.c_str(), "A", "k", "v"), -1);
+    EXPECT_EQ(tovi_cfg_file_setItemValue(p.c_str(), "A", "k", "v"), -1);
+    EXPECT_EQ(tovi_cfg_file_delItem(p.c_str(), "A", "k"), -1);
+    EXPECT_EQ(tovi_cfg_file_delSection(p.c_str(), "A"), -1);
+    EXPECT_EQ(tovi_cfg_file_addItem(p.c_str(), "A", "k", nullptr), -1);
+    EXPECT_EQ(tovi_cfg_file_setItemValue(nullptr, "A", "k", "v"), -1);
+    EXPECT_EQ(tovi_cfg_file_delItem(p.c_str(), nullptr, "k"), -1);
+    EXPECT_EQ(tovi_cfg_file_delSection(p.c_str(), nullptr), -1);
+    EXPECT_EQ(tovi_cfg_file_writeOperate(-1, nullptr, tovi_cfg_add_item_func), -1);
+    EXPECT_FALSE(std::filesystem::exists(p));
+    std::string open_fail = format("Open file<%s> failed, errno<%d>", p.c_str(), ENOENT);
+    EXPECT_EQ(cap.texts(), (Texts{open_fail, format("open file<%s> failed, errno<%d>", p.c_str(), ENOENT), open_fail,
+                                  open_fail, "Param is null.", "param is null.", "Param is null.", "Param is null.",
+                                  "Param is null."}));
+}

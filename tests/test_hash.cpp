@@ -76,6 +76,13 @@ void rec_free(void *p)
     std::free(p);
 }
 
+std::string matched_message(void *m, void *f)
+{
+    char text[128];
+    std::snprintf(text, sizeof text, "attr malloc(%p) and free(%p) must be matched", m, f);
+    return text;
+}
+
 }  // namespace
 
 TEST(HashCreate, SizesAndArgumentChecks)
@@ -296,4 +303,33 @@ TEST(HashTable, BrokenNeighbourIsReportedAndTheDeleteGoesOn)
     tovi_hash_list_s *head = &t->buckets[bucket_of(t, 0, 1)];
     head->next = head->prev = head;
     EXPECT_EQ(tovi_hash_destory(t, nullptr), 0);
+}
+
+TEST(HashCreate, HalfAnAllocatorIsRefusedWithAMessage)
+{
+    LogCapture cap;
+    tovi_hash_attr_s only_malloc{rec_malloc, nullptr};
+    tovi_hash_table_s *t = reinterpret_cast<tovi_hash_table_s *>(0x1);
+    EXPECT_EQ(tovi_hash_create_ex(8, &t, 0, &only_malloc), -12);
+    EXPECT_EQ(t, nullptr);
+    EXPECT_EQ(cap.texts(6), (std::vector<std::string>{matched_message(reinterpret_cast<void *>(rec_malloc), nullptr)}));
+    ASSERT_EQ(cap.records().size(), 1u);
+    EXPECT_EQ(cap.records()[0].module, 381u);
+    EXPECT_EQ(cap.records()[0].file, "tovi_hash");
+
+    cap.clear();
+    tovi_hash_attr_s only_free{nullptr, rec_free};
+    EXPECT_EQ(tovi_hash_malloc(&only_free, 16), nullptr);
+    EXPECT_TRUE(cap.contains(matched_message(nullptr, reinterpret_cast<void *>(rec_free))));
+
+    // Neither callback: the system allocator, silently.
+    cap.clear();
+    tovi_hash_attr_s none{nullptr, nullptr};
+    void *p = tovi_hash_malloc(&none, 16);
+    ASSERT_NE(p, nullptr);
+    tovi_hash_free(&none, p);
+    p = tovi_hash_malloc(nullptr, 16);
+    ASSERT_NE(p, nullptr);
+    tovi_hash_free(nullptr, p);
+    EXPECT_TRUE(cap.texts().empty());
 }

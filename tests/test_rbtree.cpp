@@ -272,3 +272,28 @@ TEST_F(RbTest, EraseBeginNamesTheDeepestChangedNode)
     EXPECT_EQ(root.node, nullptr);
     tovi_rb_augment_erase_end(nullptr, refresh_max, nullptr);  // does nothing
 }
+
+TEST_F(RbTest, ReplaceNodeTakesPlaceColourAndLinks)
+{
+    Item *two = add(2);
+    Item *one = add(1);
+    Item *three = add(3);
+    Item *other = make(2);
+    std::memset(&other->node, 0x5a, sizeof other->node);
+    tovi_rb_replace_node(&two->node, &other->node, &root);
+    EXPECT_EQ(root.node, &other->node) << "replacing the root updates the root";
+    EXPECT_EQ(std::memcmp(&other->node, &two->node, sizeof two->node), 0);
+    EXPECT_EQ(tovi_rb_parent(&one->node), &other->node);
+    EXPECT_EQ(tovi_rb_parent(&three->node), &other->node);
+    EXPECT_FALSE(tovi_rb_is_black(&one->node)) << "children keep their colours";
+    EXPECT_FALSE(tovi_rb_is_black(&three->node));
+    check();
+
+    // A red leaf deeper down: its parent's link changes.
+    Item *red = make(3);
+    tovi_rb_replace_node(&three->node, &red->node, &root);
+    EXPECT_EQ(other->node.right, &red->node);
+    EXPECT_FALSE(tovi_rb_is_black(&red->node));
+    EXPECT_EQ(tovi_rb_parent(&red->node), &other->node);
+    check();
+}

@@ -273,3 +273,14 @@ TEST(SchedWait, FinishWaitNeverBlocksOnTheHeadLock)
     EXPECT_EQ(queued(&head), 0u);
     EXPECT_EQ(w.waiting, 0u);
 }
+
+TEST(Sched, BusyDelayNeverReturnsEarly)
+{
+    uint64_t zero = tovi_mdelay(0);
+    EXPECT_GE(zero, 1u);
+    EXPECT_LT(zero, 50000000u);
+    uint64_t t = tovi_time_getnanosec();
+    uint64_t three = tovi_mdelay(3);
+    EXPECT_GT(three, 3000000u);
+    EXPECT_GE(tovi_time_getnanosec() - t, three);
+}

@@ -39,6 +39,8 @@ using Texts = std::vector<std::string>;
 
 namespace {
 
+constexpr uint64_t kRecordBytes = TOVI_THREAD_SIGSTACK_SIZE + sizeof(tovi_thread_s);
+
 bool eventually(const std::function<bool()> &pred, double seconds = 20)
 {
     const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -116,6 +118,13 @@ int nice_now()
 
 // The suite may itself run under nice: "unchanged" means the value it started with.
 const int start_nice = nice_now();
+
+uint64_t usage_of_library()
+{
+    uint64_t *table = nullptr;
+    tovi::companion::syscall(tovi::companion::kCmdMemTable, reinterpret_cast<long>(&table));
+    return table == nullptr ? 0 : __atomic_load_n(&table[TOVI_MODULE_ID], __ATOMIC_ACQUIRE);
+}
 
 std::string listing()
 {
@@ -344,6 +353,94 @@ TEST(Registry, ListShowsLiveThreadsWithFlagAndStrategy)
     EXPECT_EQ(listing(), kListHead);
     tovi_thread_strategy_s invalid{0, ""};
     tovi_initThreadStrategy(2, &invalid);
+}
+
+// ---- beyond the registry ----
+
+namespace {
+
+struct Beyond {
+    pthread_barrier_t arrived;
+    pthread_barrier_t release;
+    std::atomic<uint32_t> finished{0};
+    struct Seen {
+        tovi_thread_s *rec = nullptr;
+        int32_t tid = 0;
+    } seen[TOVI_THREAD_SLOTS + 1];
+};
+
+struct BeyondArg {
+    Beyond *shared;
+    uint32_t index;
+};
+
+void *beyond_body(void *p)
+{
+    auto *arg = static_cast<BeyondArg *>(p);
+    Beyond *b = arg->shared;
+    b->seen[arg->index] = {tovi_thrd_currentthreadinfo(), static_cast<int32_t>(gettid())};
+    pthread_barrier_wait(&b->arrived);
+    pthread_barrier_wait(&b->release);
+    b->finished.fetch_add(1);
+    return nullptr;
+}
+
+}  // namespace
+
+TEST(Registry, ThreadBeyondTheSlotsRunsUnlisted)
+{
+    ASSERT_TRUE(all_slots_free());
+    LogCapture cap;
+    constexpr uint32_t kThreads = TOVI_THREAD_SLOTS + 1;
+    auto shared = std::make_unique<Beyond>();
+    pthread_barrier_init(&shared->arrived, nullptr, kThreads + 1);
+    pthread_barrier_init(&shared->release, nullptr, kThreads + 1);
+    std::vector<BeyondArg> args(kThreads);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, std::max<size_t>(PTHREAD_STACK_MIN, 128 * 1024));
+    for (uint32_t i = 0; i < kThreads; ++i) {
+        args[i] = {shared.get(), i};
+        ASSERT_EQ(create_thread_raw_base(beyond_body, &args[i], nullptr, nullptr, &attr), 0u) << i;
+    }
+    pthread_attr_destroy(&attr);
+    pthread_barrier_wait(&shared->arrived);
+
+    // Every thread runs with a record; exactly one has no slot.
+    std::vector<uint32_t> slotless;
+    std::set<tovi_thread_s *> records;
+    for (uint32_t i = 0; i < kThreads; ++i) {
+        ASSERT_NE(shared->seen[i].rec, nullptr);
+        EXPECT_EQ(shared->seen[i].rec->tid, shared->seen[i].tid);
+        records.insert(shared->seen[i].rec);
+        if (shared->seen[i].rec->slot == nullptr)
+            slotless.push_back(i);
+    }
+    EXPECT_EQ(records.size(), kThreads);
+    ASSERT_EQ(slotless.size(), 1u);
+    EXPECT_EQ(tovi::thrd::free_slots(), 0u);
+    const Beyond::Seen &lost = shared->seen[slotless[0]];
+    EXPECT_EQ(tovi_thrd_getthreadinfobytid(lost.tid), nullptr);
+    const Beyond::Seen &kept = shared->seen[slotless[0] == 0 ? 1 : 0];
+    tovi_thread_s *found = tovi_thrd_getthreadinfobytid(kept.tid);
+    EXPECT_EQ(found, kept.rec);
+    tovi_thrd_putthreadinfo(found);
+    const std::string text = listing();
+    EXPECT_EQ(occurrences(text, "\n"), 2u + TOVI_THREAD_SLOTS);
+    EXPECT_EQ(text.find(row(lost.tid, "[NULL]", 0, 0)), std::string::npos);
+    EXPECT_NE(text.find(row(kept.tid, "[NULL]", 0, 0)), std::string::npos);
+    const uint64_t during = usage_of_library();
+
+    pthread_barrier_wait(&shared->release);
+    ASSERT_TRUE(eventually([&] { return shared->finished.load() == kThreads; }));
+    ASSERT_TRUE(all_slots_free());
+    // The record without slot is freed with its signal stack; the others
+    // stay with their slots.
+    EXPECT_TRUE(eventually([&] { return usage_of_library() == during - kRecordBytes; }))
+        << during << " " << usage_of_library();
+    pthread_barrier_destroy(&shared->arrived);
+    pthread_barrier_destroy(&shared->release);
+    EXPECT_TRUE(cap.texts().empty());
 }
 
 // ---- adopted threads ----
@@ -763,4 +860,106 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     EXPECT_TRUE(all_slots_free());
     EXPECT_EQ(create_thread_from_thread_pool(pool_work, &none, nullptr), TOVI_ERR);
     EXPECT_EQ(none.tid.load(), 0);
+}
+
+TEST(Ids, ProcessNameAndExecutable)
+{
+    char comm[32] = {};
+    FILE *f = std::fopen("/proc/self/comm", "r");
+    ASSERT_NE(f, nullptr);
+    ASSERT_NE(std::fgets(comm, sizeof comm, f), nullptr);
+    std::fclose(f);
+    comm[std::strcspn(comm, "\n")] = '\0';
+    char name[32] = {};
+    ASSERT_EQ(tovi_get_process_name(name), 0u);
+    EXPECT_STREQ(name, comm);
+    EXPECT_EQ(tovi_get_process_name(nullptr), TOVI_ERR);
+
+    char exe[TOVI_PROCESS_EXE_LEN] = {};
+    char link[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", link, sizeof link - 1), 0);
+    ASSERT_EQ(tovi_get_process_exe_name(exe), 0u);
+    EXPECT_EQ(std::string(exe), std::string(link).substr(0, TOVI_PROCESS_EXE_LEN - 1));
+    EXPECT_EQ(tovi_get_process_exe_name(nullptr), TOVI_ERR);
+}
+
+TEST(Ids, CoreAndNumaAreThreadLocal)
+{
+    const long cpus = sysconf(_SC_NPROCESSORS_CONF);
+    const int allowed = first_allowed_cpu();
+    ASSERT_GE(allowed, 0);
+    on_tovi_thread([cpus, allowed] {
+        tovi_thread_s *rec = tovi_thrd_currentthreadinfo();
+        int now = smp_processor_id();
+        EXPECT_GE(now, 0);
+        EXPECT_LT(now, cpus);
+        tovi_thrd_core_set(5);
+        EXPECT_EQ(smp_processor_id(), 5);
+        EXPECT_EQ(rec->bind_cpu, 5u);
+        tovi_thrd_core_set(-1);
+        EXPECT_EQ(rec->bind_cpu, ~0ULL);
+        EXPECT_EQ(tovi_thrd_numaId_get(), ~0U);
+        tovi_thrd_numaId_set(1);
+        EXPECT_EQ(tovi_thrd_numaId_get(), 1u);
+        EXPECT_EQ(rec->numa_id, 1u);
+        // Binding through the sched module records the CPU.
+        ASSERT_EQ(tovi_sched_setaffinity(static_cast<uint64_t>(allowed)), 0u);
+        EXPECT_EQ(smp_processor_id(), allowed);
+        EXPECT_EQ(rec->bind_cpu, static_cast<uint64_t>(allowed));
+        std::thread plain([] {
+            EXPECT_EQ(tovi_thrd_numaId_get(), ~0U);
+            tovi_thrd_core_set(1);  // no record: only the thread-local
+            EXPECT_EQ(smp_processor_id(), 1);
+        });
+        plain.join();
+        EXPECT_EQ(tovi_thrd_numaId_get(), 1u);
+        EXPECT_EQ(smp_processor_id(), allowed);
+    });
+}
+
+TEST(Pool, InstantMapThreadsGetSmallPopulatedStacks)
+{
+    // The pool is gone: non-preemptive work gets a raw thread with a small
+    // stack whose pages are mapped before the routine runs.
+    tovi_set_instant_map_flag(1);
+    EXPECT_EQ(tovi_get_instant_map_flag(), 1);
+    struct Seen {
+        uint64_t low = 0;
+        uint64_t high = 0;
+        size_t resident = 0;
+        size_t pages = 0;
+    } seen;
+    on_tovi_thread(
+        [&seen] {
+            tovi_thread_s *rec = tovi_thrd_currentthreadinfo();
+            seen.low = rec->os_stack_low;
+            seen.high = rec->os_stack_high;
+            const long page = sysconf(_SC_PAGESIZE);
+            const uint64_t top = here() & ~static_cast<uint64_t>(page - 1);
+            // The pages well below the running frame were never touched.
+            const uint64_t from = seen.low + static_cast<uint64_t>(page);
+            seen.pages = (top - from) / static_cast<uint64_t>(page) - 2;
+            std::vector<unsigned char> vec(seen.pages);
+            if (mincore(reinterpret_cast<void *>(from), seen.pages * page, vec.data()) == 0)
+                for (unsigned char v : vec)
+                    seen.resident += v & 1;
+        },
+        create_thread_nopreempt_raw);
+    tovi_set_instant_map_flag(0);
+    EXPECT_GE(seen.high - seen.low, tovi::thrd::kPoolStackSize);
+#if !defined(__SANITIZE_THREAD__)  // the thread checker enlarges small stacks
+    EXPECT_LE(seen.high - seen.low, tovi::thrd::kPoolStackSize + 65536);
+#endif
+    // Populating needs a kernel that knows the advice (qemu's user mode
+    // ignores it): probe it on a mapping of our own first.
+    const long page = sysconf(_SC_PAGESIZE);
+    void *probe = mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(probe, MAP_FAILED);
+    unsigned char vec[4] = {};
+    const bool populates = madvise(probe, 4 * page, MADV_POPULATE_WRITE) == 0 &&
+                           mincore(probe, 4 * page, vec) == 0 && (vec[0] & vec[3] & 1) != 0;
+    munmap(probe, 4 * page);
+    if (populates) {
+        EXPECT_EQ(seen.resident, seen.pages);
+    }
 }
