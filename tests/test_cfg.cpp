@@ -261,6 +261,10 @@ TEST_F(Cfg, LongLinesAreCutAtTheLineLimitAndLongValuesRefused)
                                                          split.substr(0, limit).c_str(), 4194368)}));
         EXPECT_EQ(brief(cap.texts(kError)), Texts{});
     }
+    // Leading blanks do not count either: one byte short of the limit is kept.
+    spit(p, "[S]\n" + std::string(limit - 4, ' ') + "e=5\n");
+    ASSERT_EQ(tovi_cfg_init_ex(p.c_str()), 0);
+    EXPECT_EQ(value_ex(p, "S", "e"), "5");
 }
 
 // ---- Loaded files ----
@@ -474,8 +478,13 @@ TEST_F(Cfg, NodeOperationsWorkOnAParsedNode)
     EXPECT_EQ(tovi_cfg_del_section_func(node, "A", nullptr, nullptr), 0);
     EXPECT_EQ(tovi_cfg_updateFileNode(node), -1);  // not loaded: the caller keeps it
 
-    // The temporary file takes the real file's mode; either name missing is refused.
+    // The temporary file takes the real file's mode and owner (root may give
+    // it another group); either name missing is refused.
     chmod(p.c_str(), 0640);
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(p.c_str(), 0, 2), 0);
+    }
     int real = open(p.c_str(), O_RDONLY);
     char *name = nullptr;
     EXPECT_EQ(tovi_cfg_create_tmpfile(nullptr, real, &name), -1);
@@ -488,6 +497,9 @@ TEST_F(Cfg, NodeOperationsWorkOnAParsedNode)
     struct stat st {};
     ASSERT_EQ(fstat(fd, &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
+    if (root) {
+        EXPECT_EQ(st.st_gid, 2u);
+    }
     TOVI_FREE(name);
     ASSERT_EQ(write(fd, std::string(100, '#').data(), 100), 100);  // longer than the text: cut to it
     EXPECT_EQ(tovi_cfg_writeFnodeTofile(fd, node), 0);
