@@ -66,8 +66,11 @@ grep -q 'ERROR' "$tmp/out" && fail "tovictl demo: an ERROR line: $(grep ERROR "$
 grep -q 'Tovi init start.' "$tmp/out" && fail "tovictl demo: the library's start messages by default"
 env -u VRLOG_LEVEL "${tool[@]}" -v info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "tovictl -v info: the library's messages are missing"
-VRLOG_LEVEL=6 "${tool[@]}" info >"$tmp/out" 2>&1
-grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=6 tovictl info: the library's messages are missing"
+# VRLOG_LEVEL decides when set, for every module or for one.
+VRLOG_LEVEL=3 "${tool[@]}" info >"$tmp/out" 2>&1
+grep -q 'Tovi init start.' "$tmp/out" && fail "VRLOG_LEVEL=3 tovictl info: messages above the threshold"
+VRLOG_LEVEL=3,381=6 "${tool[@]}" info >"$tmp/out" 2>&1
+grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=3,381=6 tovictl info: the library's messages are missing"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))
