@@ -63,11 +63,6 @@ Item *item_of(tovi_avl_node_s *n)
                         : reinterpret_cast<Item *>(reinterpret_cast<char *>(n) - offsetof(Item, node));
 }
 
-uint64_t handle(Item *parent, unsigned side)
-{
-    return reinterpret_cast<uintptr_t>(&parent->node) | side;
-}
-
 class AvlTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -219,58 +214,6 @@ TEST_F(AvlTest, RandomOperationsMatchAMapAndKeepTheInvariants)
     EXPECT_TRUE(cap.texts().empty());
 }
 
-TEST_F(AvlTest, EmptyTreeGivesHandleZeroAndHandleZeroMakesTheRoot)
-{
-    uint64_t where = 77;
-    EXPECT_EQ(find(5, &where), nullptr);
-    EXPECT_EQ(where, 0u);
-    EXPECT_EQ(tovi_get_avl_first_node(&tree), nullptr);
-    EXPECT_EQ(tovi_get_avl_last_node(&tree), nullptr);
-    EXPECT_EQ(tovi_find_avl_nearest_node(&tree, where, 1), nullptr);
-    EXPECT_EQ(tovi_find_avl_nearest_node(&tree, 1, 0), nullptr) << "1 is below 2 too";
-
-    Item *r = make(5);
-    r->node.balance = 9;  // stale fields are overwritten
-    r->node.child[0] = &r->node;
-    ASSERT_EQ(tovi_insert_avl_node(&tree, r, where), 0);
-    EXPECT_EQ(tree.root, &r->node);
-    EXPECT_EQ(r->node.parent, nullptr);
-    EXPECT_EQ(r->node.child[0], nullptr);
-    EXPECT_EQ(r->node.child[1], nullptr);
-    EXPECT_EQ(r->node.balance, 0);
-    EXPECT_EQ(tree.numNodes, 1u);
-
-    // A root handle into a tree that has a root would lose the tree.
-    EXPECT_EQ(tovi_insert_avl_node(&tree, make(6), 0), -1);
-    EXPECT_EQ(tree.root, &r->node);
-    EXPECT_EQ(tree.numNodes, 1u);
-}
-
-TEST_F(AvlTest, HandleNamesTheLastNodeAndTheSideTaken)
-{
-    add(10);
-    Item *twenty = add(20);
-    Item *five = add(5);
-    uint64_t where = 0;
-    EXPECT_EQ(find(3, &where), nullptr);
-    EXPECT_EQ(where, handle(five, 0));
-    EXPECT_EQ(find(7, &where), nullptr);
-    EXPECT_EQ(where, handle(five, 1));
-    EXPECT_EQ(find(15, &where), nullptr);
-    EXPECT_EQ(where, handle(twenty, 0));
-    EXPECT_EQ(find(25, &where), nullptr);
-    EXPECT_EQ(where, handle(twenty, 1));
-    EXPECT_EQ(find(20, nullptr), twenty) << "where may be NULL";
-
-    Item *fifteen = make(15);
-    ASSERT_EQ(tovi_find_avl_node(&tree, &fifteen->key, &where), nullptr);
-    ASSERT_EQ(tovi_insert_avl_node(&tree, fifteen, where), 0);
-    EXPECT_EQ(fifteen->node.parent, &twenty->node);
-    EXPECT_EQ(fifteen->node.childIndex, 0u);
-    EXPECT_EQ(twenty->node.child[0], &fifteen->node);
-    check();
-}
-
 TEST_F(AvlTest, ComparatorOutsideMinusOneToOneEndsTheSearch)
 {
     add(10);
@@ -289,21 +232,6 @@ TEST_F(AvlTest, ComparatorOutsideMinusOneToOneEndsTheSearch)
     EXPECT_EQ(cap.texts(3), std::vector<std::string>{"InsertAvlNode fail."});
     EXPECT_EQ(broken.root, tree.root);
     EXPECT_EQ(broken.numNodes, 2u);
-}
-
-TEST_F(AvlTest, AddingAnEqualValueLeavesTheTreeAlone)
-{
-    Item *first = add(7);
-    add(3);
-    add(9);
-    tovi::test::LogCapture cap;
-    Item *again = make(7);
-    tovi_add_avl_node(&tree, again);
-    EXPECT_EQ(tree.numNodes, 3u);
-    EXPECT_EQ(find(7), first);
-    EXPECT_EQ(again->node.parent, nullptr) << "the duplicate's node is not touched";
-    EXPECT_TRUE(cap.texts().empty());
-    check();
 }
 
 TEST_F(AvlTest, NearestSearchAtEveryGapAndBeyondBothEnds)
@@ -325,28 +253,6 @@ TEST_F(AvlTest, NearestSearchAtEveryGapAndBeyondBothEnds)
     find(55, &where);
     EXPECT_EQ(tovi_find_avl_nearest_node(&tree, where, 2), nullptr);
     EXPECT_EQ(cap.texts(3), std::vector<std::string>{"Invalid Param"});
-}
-
-TEST_F(AvlTest, PlacedInsertionFollowsTheNeighbourRule)
-{
-    Item *two = add(2);
-    Item *one = add(1);
-    Item *three = add(3);
-
-    // Before 1, which has no left child: becomes its left child.
-    Item *x = make(100);
-    ASSERT_EQ(tovi_insert_avl_node_specified(&tree, x, one, 0), 0);
-    EXPECT_EQ(one->node.child[0], &x->node);
-
-    // After 2, which has a right child (3): becomes the left child of the
-    // leftmost node of that subtree.
-    Item *y = make(200);
-    ASSERT_EQ(tovi_insert_avl_node_specified(&tree, y, two, 1), 0);
-    EXPECT_EQ(three->node.child[0], &y->node);
-
-    // The order ignores the comparator: x, 1, 2, y, 3.
-    EXPECT_EQ(walk(&tree, 1), (std::vector<Item *>{x, one, two, y, three}));
-    EXPECT_EQ(tree.numNodes, 5u);
 }
 
 TEST_F(AvlTest, RandomPlacedInsertionsMatchAList)
@@ -420,43 +326,6 @@ TEST_F(AvlTest, RemovalSwapsWithTheNeighbourOnTheHeavierSide)
     check();
 }
 
-TEST_F(AvlTest, BalanceDoneMessageOnlyWhenAnInsertionEvensAParent)
-{
-    tovi::test::LogCapture cap;
-    add(10);
-    add(20);  // root becomes right-heavy
-    EXPECT_TRUE(cap.texts().empty());
-    add(5);  // evens the root
-    ASSERT_EQ(cap.records().size(), 1u);
-    EXPECT_EQ(cap.records()[0].level, 7u);
-    EXPECT_EQ(cap.records()[0].text, "Set AVL balance done.");
-    EXPECT_EQ(cap.records()[0].module, 381u);
-    add(30);
-    add(40);  // rotates without the message
-    EXPECT_EQ(cap.texts().size(), 1u);
-}
-
-TEST_F(AvlTest, CreateAndDestroySetTheRecord)
-{
-    tovi_avl_tree_s t;
-    std::memset(&t, 0xa5, sizeof t);
-    ASSERT_EQ(tovi_create_avl(&t, compar_items, 48, 24), 0);
-    EXPECT_EQ(t.root, nullptr);
-    EXPECT_EQ(t.compar, compar_items);
-    EXPECT_EQ(t.comparFind, compar_items);
-    EXPECT_EQ(t.offset, 24u);
-    EXPECT_EQ(t.size, 48u);
-    EXPECT_EQ(t.numNodes, 0u);
-
-    Item *a = add(1);
-    add(2);
-    tovi_avl_node_s before = a->node;
-    ASSERT_EQ(tovi_destroy_avl(&tree), 0);
-    EXPECT_EQ(tree.root, nullptr);
-    EXPECT_EQ(tree.numNodes, 0u);
-    EXPECT_EQ(std::memcmp(&before, &a->node, sizeof before), 0) << "nodes are not visited";
-}
-
 TEST_F(AvlTest, NullArgumentsAreReportedAndFail)
 {
     tovi::test::LogCapture cap;
@@ -487,17 +356,4 @@ TEST_F(AvlTest, NullArgumentsAreReportedAndFail)
     EXPECT_EQ(tree.root, &a->node) << "the failed calls left the tree alone";
     EXPECT_EQ(tree.numNodes, 1u);
     EXPECT_EQ(tree.compar, compar_items);
-}
-
-TEST_F(AvlTest, DirectionsAboveOneAreRejected)
-{
-    Item *a = add(1);
-    tovi::test::LogCapture cap;
-    EXPECT_EQ(tovi_insert_avl_node_specified(&tree, make(2), a, 2), -1);
-    EXPECT_EQ(tovi_insert_avl_node_specified(&tree, make(2), a, -1), -1);
-    EXPECT_EQ(tovi_walk_avl_node(&tree, a, 2), nullptr);
-    EXPECT_EQ(cap.texts(3), std::vector<std::string>(3, "Invalid Param"));
-    EXPECT_EQ(tree.numNodes, 1u);
-    EXPECT_EQ(a->node.child[0], nullptr);
-    EXPECT_EQ(a->node.child[1], nullptr);
 }

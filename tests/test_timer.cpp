@@ -84,18 +84,6 @@ Where find(TimerRoot &root, tovi_timer *t)
     return {};
 }
 
-// The first millisecond >= base at which the wheel visits (fires or
-// cascades) the given slot: a multiple of the level's width whose index is
-// the slot.
-uint64_t visit_ms(uint64_t base, Where w)
-{
-    const uint64_t width = tovi::timer::kSlotWidth[w.level];
-    const uint64_t n = tovi::timer::kSlotCount[w.level];
-    uint64_t q = (base + width - 1) / width;
-    q += (w.slot + n - q % n) % n;
-    return q * width;
-}
-
 // Fired timers of driven roots: (data, the millisecond being processed).
 // That millisecond is timerMs - 1 while other timers are pending; when the
 // firing timer was the last one the base has already jumped to the pass's
@@ -177,42 +165,6 @@ TEST(TimerWheel, FilesByDistanceAndBeyondSixtyDaysAtTheFarEnd)
     EXPECT_EQ(find(*d.root, &late).slot, base % 1000);
 }
 
-TEST(TimerWheel, FarTimersAreCascadedAgainAndFireAtTheirOwnMillisecond)
-{
-    const uint64_t base = 123456789;
-    Driven d(base);
-    g_driven = d.root.get();
-    g_fired.clear();
-    tovi_timer t{};
-    const uint64_t timeout = 200 * kDay + 4321;
-    arm_at(*d.root, t, 7, timeout, base);
-    std::vector<int> levels;
-    uint64_t fired_in = 0;
-    for (int step = 0; step < 40 && g_fired.empty(); ++step) {
-        ASSERT_EQ(d.root->pendingCount, 1u);
-        Where w = find(*d.root, &t);
-        ASSERT_GE(w.level, 0);
-        levels.push_back(w.level);
-        // Only this timer is pending, so jumping the base to the next
-        // visit of its slot skips nothing but empty slots.
-        const uint64_t m = visit_ms(d.root->timerMs, w);
-        d.root->timerMs = m;
-        tovi::timer::run_timers(*d.root, m);
-        fired_in = m;
-    }
-    ASSERT_EQ(g_fired.size(), 1u);
-    EXPECT_EQ(g_fired[0].first, 7u);
-    EXPECT_EQ(fired_in, base + timeout) << "fired in the pass of exactly its millisecond, not before";
-    EXPECT_FALSE(tovi_timer_is_pending(&t));
-    EXPECT_EQ(d.root->pendingCount, 0u);
-    // 200 days: filed at 60 days three times over before it comes within
-    // the wheel, then down through every level.
-    ASSERT_GE(levels.size(), 5u);
-    EXPECT_EQ(std::count(levels.begin(), levels.end(), 4), 4) << "filed at 60, 120 and 180 days, then in reach";
-    EXPECT_TRUE(std::is_sorted(levels.rbegin(), levels.rend()));
-    EXPECT_EQ(levels.back(), 0);
-}
-
 TEST(TimerWheel, ModelOfArmModifyDeleteOverHoursOfWheelTime)
 {
     const uint64_t start = 5 * kDay + 777;
@@ -290,85 +242,6 @@ TEST(TimerWheel, SameMillisecondFiresInAttachOrderAndCallbacksMayRearm)
         EXPECT_EQ(g_fired[i], std::make_pair(3 - i, i < 3 ? uint64_t{1000051} : kUnknownMs));
     EXPECT_EQ(t[0].entry.next, nullptr);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(t[0].entry.prev), 0x200200u);
-}
-
-namespace {
-
-tovi_timer g_rearm;
-int g_rearm_left = 0;
-
-void rearm_driven(uint64_t data)
-{
-    record_fire(data);
-    if (--g_rearm_left > 0)
-        tovi::timer::arm(*g_driven, &g_rearm, 3, g_rearm.expirTime);
-}
-
-}  // namespace
-
-TEST(TimerWheel, ModifyToTheSameExpiryLeavesTheTimerInPlace)
-{
-    Driven d(5000);
-    g_driven = d.root.get();
-    g_fired.clear();
-    tovi_timer a{}, b{};
-    arm_at(*d.root, a, 1, 100, 5000);
-    arm_at(*d.root, b, 2, 100, 5000);
-    // Unchanged expiry (however it is reached): a stays in front of b.
-    ASSERT_EQ(tovi::timer::arm(*d.root, &a, 100, 5000), 0);
-    ASSERT_EQ(tovi::timer::arm(*d.root, &a, 99, 5001), 0);
-    EXPECT_EQ(a.entry.next, &b.entry);
-    EXPECT_EQ(a.timeOut, 99u);
-    // Away and back to the same millisecond: now filed behind b.
-    ASSERT_EQ(tovi::timer::arm(*d.root, &a, 100, 5001), 0);
-    ASSERT_EQ(tovi::timer::arm(*d.root, &a, 99, 5001), 0);
-    EXPECT_EQ(b.entry.next, &a.entry);
-    EXPECT_EQ(d.root->pendingCount, 2u);
-    tovi::timer::run_timers(*d.root, 5100);
-    ASSERT_EQ(g_fired.size(), 2u);
-    EXPECT_EQ(g_fired[0].first, 2u);
-
-    // A callback re-arms its own timer: it is idle while it runs. A far
-    // timer keeps the wheel from emptying, so fire times are exact.
-    tovi_timer far{};
-    arm_at(*d.root, far, 0, 3600000, 6000);
-    g_fired.clear();
-    g_rearm_left = 3;
-    arm_at(*d.root, g_rearm, 9, 10, 6000, rearm_driven);
-    tovi::timer::run_timers(*d.root, 6100);
-    ASSERT_EQ(g_fired.size(), 3u);
-    EXPECT_EQ(g_fired[0].second, 6010u);
-    EXPECT_EQ(g_fired[1].second, 6013u);
-    EXPECT_EQ(g_fired[2].second, 6016u);
-    EXPECT_EQ(d.root->pendingCount, 1u);
-    EXPECT_EQ(d.root->timerMs, 6101u);
-    tovi::timer::remove(*d.root, &far, false, 7000);
-    EXPECT_EQ(d.root->timerMs, 7000u) << "the last timer left: the base jumps to now";
-    EXPECT_EQ(d.root->nextWake, 7020u);
-}
-
-TEST(TimerWheel, NextWakeLooksTwentySlotsAhead)
-{
-    Driven d(0);
-    TimerRoot &r = *d.root;
-    auto at = [&](uint64_t base) {
-        r.timerMs = base;
-        return tovi::timer::next_wake(r) - base;
-    };
-    EXPECT_EQ(at(5123), 19u);
-    EXPECT_EQ(at(5000), 0u) << "a whole second: cascade now";
-    EXPECT_EQ(at(5990), 9u) << "never past slot 999";
-    tovi_timer t{};
-    tovi_timer_set_raw(&t, 1, 0, noop, "f", "x", 1);
-    r.timerMs = 5123;
-    t.expirTime = 5130;
-    tovi::timer::attachTimerToList(r, &t);
-    ASSERT_EQ(find(r, &t).slot, 130u);
-    EXPECT_EQ(at(5123), 7u);
-    EXPECT_EQ(at(5130), 0u);
-    EXPECT_EQ(at(5110), 19u) << "slot 130 is 20 slots away";
-    EXPECT_EQ(at(5111), 19u);
-    EXPECT_EQ(at(5112), 18u);
 }
 
 TEST(TimerWheel, BrokenLinksAreReportedAndTheUnlinkGoesAhead)
@@ -690,33 +563,6 @@ TEST_F(TimerThread, SlowCallbacksAreReportedThreeTimesAndAlwaysToInfra)
     else
         EXPECT_LE(warnings, 3);
     EXPECT_EQ(infra, 4);
-}
-
-TEST_F(TimerThread, ListPendingCopiesWaitingTimers)
-{
-    tovi_timer t[3]{};
-    for (uint64_t i = 0; i < 3; ++i) {
-        tovi_timer_set(&t[i], 3600000 * (i + 1), 100 + i, noop);
-        ASSERT_EQ(tovi_timer_add(&t[i]), 0);
-    }
-    tovi_timer_info_s info[8];
-    uint64_t now = 0;
-    const int64_t n = tovi_timer_list_pending(info, 8, &now);
-    ASSERT_GE(n, 3);
-    int seen = 0;
-    for (int64_t i = 0; i < std::min<int64_t>(n, 8); ++i)
-        for (uint64_t k = 0; k < 3; ++k)
-            if (info[i].addr == reinterpret_cast<uintptr_t>(&t[k])) {
-                ++seen;
-                EXPECT_EQ(info[i].data, 100 + k);
-                EXPECT_EQ(info[i].expirTime, t[k].expirTime);
-                EXPECT_GT(info[i].expirTime, now);
-                EXPECT_STREQ(info[i].funcName, "TestBody");
-            }
-    EXPECT_EQ(seen, 3);
-    EXPECT_EQ(tovi_timer_list_pending(nullptr, 0, nullptr), n) << "count only";
-    for (auto &x : t)
-        tovi_timer_delete(&x);
 }
 
 TEST_F(TimerThread, ConcurrentArmersAndTheTimerThreadKeepTheWheelConsistent)

@@ -97,6 +97,8 @@ TEST(Vrlog, RateLimitHoldsBackAModuleGroup)
     EXPECT_EQ(vrlog_get_group_id("NVME"), 200);
     EXPECT_EQ(vrlog_get_group_id("201"), 201);
     EXPECT_EQ(vrlog_get_group_id("nobody"), -1);
+    EXPECT_EQ(vrlog_get_group_id("1023"), 1023);  // the last module; one more is none
+    EXPECT_EQ(vrlog_get_group_id("1024"), -1);
     EXPECT_EQ(vrlog_ratelimit_set(-1, 1000, 1), -1);
     ASSERT_EQ(vrlog_ratelimit_set(200, 60000, 2), 0);
     StderrCapture cap;

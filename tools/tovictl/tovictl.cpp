@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tovi_bitop.h"
@@ -34,8 +35,19 @@ bool start_library()
     return true;
 }
 
-int cmd_info(int, char **)
+// Verbs that take nothing say so in one line.
+bool no_arguments(const char *verb, int argc, char **argv)
 {
+    if (argc == 0)
+        return true;
+    std::fprintf(stderr, "tovictl: %s: takes no arguments, got '%s'\n", verb, argv[0]);
+    return false;
+}
+
+int cmd_info(int argc, char **argv)
+{
+    if (!no_arguments("info", argc, argv))
+        return kExitUsage;
     if (!start_library())
         return kExitFailure;
     std::printf("version:            %s\n", TOVI_VERSION_STRING);
@@ -146,6 +158,7 @@ struct Fired {
     std::atomic<int> count{0};
     uint64_t due_ms[3] = {};
     double late_ms[3] = {};
+    bool fired[3] = {};
 };
 
 Fired g_fired;
@@ -153,6 +166,7 @@ Fired g_fired;
 void on_timer(uint64_t i)
 {
     g_fired.late_ms[i] = static_cast<double>(tovi_time_getnanosec()) / 1e6 - static_cast<double>(g_fired.due_ms[i]);
+    g_fired.fired[i] = true;
     ++g_fired.count;
 }
 
@@ -161,16 +175,32 @@ void demo_timers()
     std::printf("== timers\n");
     tovi_timer timers[3];
     const uint64_t after[3] = {10, 50, 120};
+    bool armed[3] = {};
     for (uint64_t i = 0; i < 3; ++i) {
-        tovi_timer_set(&timers[i], after[i], i, on_timer);
+        // A timer is initialised once before it is set and armed.
+        if (tovi_timer_init(&timers[i]) != 0 || tovi_timer_set(&timers[i], after[i], i, on_timer) != 0) {
+            std::printf("timer of %3lu ms could not be set up\n", static_cast<unsigned long>(after[i]));
+            continue;
+        }
         g_fired.due_ms[i] = tovi_time_getmillisec() + after[i];
-        tovi_timer_add(&timers[i]);
+        armed[i] = tovi_timer_add(&timers[i]) == 0;
     }
-    for (int waited = 0; g_fired.count.load() < 3 && waited < 2000; waited += 5)
+    int expected = 0;
+    for (bool a : armed)
+        expected += a ? 1 : 0;
+    for (int waited = 0; g_fired.count.load() < expected && waited < 2000; waited += 5)
         tovi_msleep(5);
-    for (int i = 0; i < 3; ++i)
-        std::printf("timer of %3lu ms fired %.3f ms after its due millisecond\n",
-                    static_cast<unsigned long>(after[i]), g_fired.late_ms[i]);
+    for (int i = 0; i < 3; ++i) {
+        const auto ms = static_cast<unsigned long>(after[i]);
+        if (!armed[i])
+            std::printf("timer of %3lu ms was not armed\n", ms);
+        else if (!g_fired.fired[i])
+            std::printf("timer of %3lu ms did not fire within 2 s\n", ms);
+        else
+            std::printf("timer of %3lu ms fired %.3f ms after its due millisecond\n", ms, g_fired.late_ms[i]);
+        if (armed[i])
+            tovi_timer_delete_sync(&timers[i]);
+    }
 }
 
 void demo_modules()
@@ -180,8 +210,10 @@ void demo_modules()
                 tovi_pid_get_name(5), tovi_pid_get_name(70000));
 }
 
-int cmd_demo(int, char **)
+int cmd_demo(int argc, char **argv)
 {
+    if (!no_arguments("demo", argc, argv))
+        return kExitUsage;
     if (!start_library())
         return kExitFailure;
     std::printf("libtovi %s, companion %s\n", TOVI_VERSION_STRING, tovi_companion_name());
@@ -217,6 +249,11 @@ const Checksum kCrc16 = {
 // when the file cannot be read.
 bool checksum_file(const Checksum &c, const char *path, bool verbose)
 {
+    struct stat st {};
+    if (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
+        std::fprintf(stderr, "tovictl: %s: '%s' is a directory\n", c.name, path);
+        return false;
+    }
     FILE *f = std::fopen(path, "rb");
     if (f == nullptr) {
         std::fprintf(stderr, "tovictl: %s: cannot open '%s': %s\n", c.name, path, std::strerror(errno));
@@ -257,14 +294,14 @@ int run_checksum(const Checksum &c, int argc, char **argv)
             break;
         }
         if (std::strcmp(argv[first], "-v") != 0) {
-            std::fprintf(stderr, "tovictl: %s: unknown option '%s'\nusage: tovictl %s [-v] FILE...\n", c.name,
+            std::fprintf(stderr, "tovictl: %s: unknown option '%s' (usage: tovictl %s [-v] FILE...)\n", c.name,
                          argv[first], c.name);
             return kExitUsage;
         }
         verbose = true;
     }
     if (first == argc) {
-        std::fprintf(stderr, "tovictl: %s: no FILE given\nusage: tovictl %s [-v] FILE...\n", c.name, c.name);
+        std::fprintf(stderr, "tovictl: %s: no FILE given (usage: tovictl %s [-v] FILE...)\n", c.name, c.name);
         return kExitUsage;
     }
     tovi_crc32_init();
@@ -317,7 +354,9 @@ const Command kCommands[] = {
 
 int usage(FILE *out, int code)
 {
-    std::fprintf(out, "usage: tovictl COMMAND [ARGS]\n\ncommands:\n");
+    std::fprintf(out, "usage: tovictl [-v] COMMAND [ARGS]\n\n"
+                      "  -v                   show the library's own messages too (as does VRLOG_LEVEL)\n\n"
+                      "commands:\n");
     for (const Command &c : kCommands)
         std::fprintf(out, "  %s\n", c.usage);
     std::fprintf(out, "  help                 this text\n");
@@ -328,14 +367,24 @@ int usage(FILE *out, int code)
 
 int main(int argc, char **argv)
 {
+    bool verbose = false;
+    if (argc >= 2 && std::strcmp(argv[1], "-v") == 0) {
+        verbose = true;
+        --argc;
+        ++argv;
+    }
     if (argc < 2)
         return usage(stderr, kExitUsage);
     if (std::strcmp(argv[1], "help") == 0 || std::strcmp(argv[1], "--help") == 0 ||
         std::strcmp(argv[1], "-h") == 0)
         return usage(stdout, kExitOk);
+    // The tool's own output only: the library's errors and warnings still
+    // show, its progress messages only when asked for.
+    if (!verbose && std::getenv("VRLOG_LEVEL") == nullptr)
+        tovi_log_level_set(TOVI_MODULE_ID, 4);
     for (const Command &c : kCommands)
         if (std::strcmp(argv[1], c.name) == 0)
             return c.run(argc - 2, argv + 2);
-    std::fprintf(stderr, "tovictl: unknown command '%s'\n", argv[1]);
-    return usage(stderr, kExitUsage);
+    std::fprintf(stderr, "tovictl: unknown command '%s' (tovictl help lists them)\n", argv[1]);
+    return kExitUsage;
 }

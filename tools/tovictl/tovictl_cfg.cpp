@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -33,13 +34,15 @@ constexpr int kExitNoSection = 4;
 constexpr int kExitNoItem = 5;
 constexpr int kExitExists = 6;
 
-const char kUsage[] =
-    "usage: tovictl cfg get FILE SECTION ITEM\n"
-    "       tovictl cfg set FILE SECTION ITEM VALUE\n"
-    "       tovictl cfg add FILE SECTION ITEM VALUE\n"
-    "       tovictl cfg del FILE SECTION ITEM\n"
-    "       tovictl cfg delsection FILE SECTION\n"
-    "       tovictl cfg dump FILE\n";
+// Each verb with the arguments it takes after it, FILE included.
+struct Shape {
+    const char *verb;
+    int args;
+    const char *usage;
+};
+const Shape kShapes[] = {{"get", 3, "FILE SECTION ITEM"}, {"set", 4, "FILE SECTION ITEM VALUE"},
+                         {"add", 4, "FILE SECTION ITEM VALUE"}, {"del", 3, "FILE SECTION ITEM"},
+                         {"delsection", 2, "FILE SECTION"}, {"dump", 1, "FILE"}};
 
 // The parsed file: sections in order, each with its items in order.
 struct Parsed {
@@ -76,6 +79,11 @@ int32_t collect(const char *section, const char *item, const char *value, void *
 // Parses FILE through the library; false (reported) when it cannot be read.
 bool load(const char *path, Parsed &out)
 {
+    struct stat st {};
+    if (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
+        std::fprintf(stderr, "tovictl: cfg: %s: is a directory\n", path);
+        return false;
+    }
     if (access(path, R_OK) != 0) {
         int err = errno;
         if (err == ENOENT)
@@ -117,40 +125,30 @@ int edited(int32_t ret, const char *path)
     return kExitFailed;
 }
 
-int usage()
-{
-    std::fputs(kUsage, stderr);
-    return kExitUsage;
-}
 
 }  // namespace
 
 int tovictl_cfg(int argc, char **argv)
 {
-    if (argc < 2)
-        return usage();
-    // Errors and warnings of the library only, unless the caller asked for more.
-    if (std::getenv("VRLOG_LEVEL") == nullptr)
-        tovi_log_level_set(TOVI_MODULE_ID, 4);
+    if (argc < 1) {
+        std::fprintf(stderr, "tovictl: cfg: needs a verb: get, set, add, del, delsection or dump\n");
+        return kExitUsage;
+    }
     const std::string verb = argv[0];
+    const Shape *shape = nullptr;
+    for (const Shape &s : kShapes)
+        if (verb == s.verb)
+            shape = &s;
+    if (shape == nullptr) {
+        std::fprintf(stderr, "tovictl: cfg: unknown verb '%s' (get, set, add, del, delsection or dump)\n",
+                     verb.c_str());
+        return kExitUsage;
+    }
+    if (argc - 1 != shape->args) {
+        std::fprintf(stderr, "tovictl: cfg: usage: tovictl cfg %s %s\n", shape->verb, shape->usage);
+        return kExitUsage;
+    }
     const char *path = argv[1];
-    struct Shape {
-        const char *verb;
-        int args;  // after the verb, FILE included
-    };
-    const Shape shapes[] = {{"get", 3}, {"set", 4}, {"add", 4}, {"del", 3}, {"delsection", 2}, {"dump", 1}};
-    bool known = false;
-    for (const Shape &s : shapes) {
-        if (verb == s.verb) {
-            known = true;
-            if (argc - 1 != s.args)
-                return usage();
-        }
-    }
-    if (!known) {
-        std::fprintf(stderr, "tovictl: cfg: unknown command '%s'\n", verb.c_str());
-        return usage();
-    }
 
     Parsed parsed;
     if (!load(path, parsed))

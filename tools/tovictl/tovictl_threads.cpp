@@ -48,10 +48,10 @@ bool start_threads()
 
 }  // namespace
 
-int tovictl_threads(int argc, char **)
+int tovictl_threads(int argc, char **argv)
 {
     if (argc != 0) {
-        std::fprintf(stderr, "usage: tovictl threads\n");
+        std::fprintf(stderr, "tovictl: threads: takes no arguments, got '%s'\n", argv[0]);
         return 2;
     }
     if (!start_threads())
@@ -62,10 +62,10 @@ int tovictl_threads(int argc, char **)
     return 0;
 }
 
-int tovictl_mem(int argc, char **)
+int tovictl_mem(int argc, char **argv)
 {
     if (argc != 0) {
-        std::fprintf(stderr, "usage: tovictl mem\n");
+        std::fprintf(stderr, "tovictl: mem: takes no arguments, got '%s'\n", argv[0]);
         return 2;
     }
     if (!start_threads())

@@ -41,26 +41,28 @@ int tovictl_timers(int argc, char **argv)
     for (int i = 0; i < argc; ++i) {
         if (std::strcmp(argv[i], "-n") == 0 && i + 1 < argc) {
             char *end = nullptr;
-            samples = std::strtoul(argv[++i], &end, 10);
-            if (end == argv[i] || *end != '\0' || samples > 100000) {
-                std::fprintf(stderr, "tovictl timers: bad count '%s'\n", argv[i]);
+            const char *text = argv[++i];
+            samples = std::strtoul(text, &end, 10);
+            // strtoul would turn "-1" into a huge count: digits only.
+            if (text[0] < '0' || text[0] > '9' || *end != '\0' || samples > 100000) {
+                std::fprintf(stderr, "tovictl: timers: COUNT must be a number from 0 to 100000, not '%s'\n", text);
                 return 2;
             }
         } else {
-            std::fprintf(stderr, "usage: tovictl timers [-n COUNT]\n");
+            std::fprintf(stderr, "tovictl: timers: unexpected '%s' (usage: tovictl timers [-n COUNT])\n", argv[i]);
             return 2;
         }
     }
     if (tovi_timer_module_init() != 0) {
-        std::fprintf(stderr, "tovictl timers: the timer module did not start\n");
+        std::fprintf(stderr, "tovictl: timers: the timer module did not start\n");
         return 1;
     }
     tovi_symbol_init();
     std::vector<tovi_timer> armed(samples);
     for (unsigned long i = 0; i < samples; ++i) {
-        tovi_timer_set(&armed[i], 1000 * (i + 1), i, sample_fire);
-        if (tovi_timer_add(&armed[i]) != 0) {
-            std::fprintf(stderr, "tovictl timers: arming sample %lu failed\n", i);
+        if (tovi_timer_init(&armed[i]) != 0 || tovi_timer_set(&armed[i], 1000 * (i + 1), i, sample_fire) != 0 ||
+            tovi_timer_add(&armed[i]) != 0) {
+            std::fprintf(stderr, "tovictl: timers: arming sample %lu failed\n", i);
             return 1;
         }
     }

@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# tovictl_check.sh [EMULATOR] TOVICTL: the tool end to end.
+#  - every verb answers bad arguments with one line on standard error, nothing
+#    on standard output, and the exit status the table gives;
+#  - the demo uses the library as a caller should: its timers fire, no ERROR,
+#    and the library's own messages only with -v or VRLOG_LEVEL.
+set -uo pipefail
+tool=("$@")  # the cross build runs it under its emulator
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+printf '[s]\na=1\n' >"$tmp/ok.ini"
+printf '[s]\na=1\n' >"$tmp/locked.ini"
+chmod 000 "$tmp/locked.ini"
+
+# status | standard error (extended regular expression, whole line) | arguments
+cases=(
+  "2|tovictl: unknown command 'frob' \(tovictl help lists them\)|frob"
+  "2|tovictl: info: takes no arguments, got 'x'|info x"
+  "2|tovictl: demo: takes no arguments, got 'x'|demo x"
+  "2|tovictl: threads: takes no arguments, got 'x'|threads x"
+  "2|tovictl: mem: takes no arguments, got 'x'|mem x"
+  "2|tovictl: crc32c: no FILE given \(usage: tovictl crc32c \[-v\] FILE\.\.\.\)|crc32c"
+  "2|tovictl: crc16: unknown option '-x' \(usage: tovictl crc16 \[-v\] FILE\.\.\.\)|crc16 -x $tmp/ok.ini"
+  "1|tovictl: crc32c: cannot open '$tmp/none': No such file or directory|crc32c $tmp/none"
+  "1|tovictl: crc16: '$tmp' is a directory|crc16 $tmp"
+  "2|tovictl: timers: COUNT must be a number from 0 to 100000, not 'abc'|timers -n abc"
+  "2|tovictl: timers: COUNT must be a number from 0 to 100000, not '-1'|timers -n -1"
+  "2|tovictl: timers: COUNT must be a number from 0 to 100000, not '100001'|timers -n 100001"
+  "2|tovictl: timers: unexpected '-n' \(usage: tovictl timers \[-n COUNT\]\)|timers -n"
+  "2|tovictl: cfg: needs a verb: get, set, add, del, delsection or dump|cfg"
+  "2|tovictl: cfg: unknown verb 'frob' \(get, set, add, del, delsection or dump\)|cfg frob $tmp/ok.ini"
+  "2|tovictl: cfg: usage: tovictl cfg set FILE SECTION ITEM VALUE|cfg set $tmp/ok.ini s a"
+  "3|tovictl: cfg: $tmp/none: no such file|cfg get $tmp/none s a"
+  "3|tovictl: cfg: $tmp: is a directory|cfg dump $tmp"
+  "4|tovictl: cfg: $tmp/ok.ini: no section \[t\]|cfg get $tmp/ok.ini t a"
+  "5|tovictl: cfg: $tmp/ok.ini: no item b in section \[s\]|cfg del $tmp/ok.ini s b"
+)
+# Root reads any file: the permission case only means something for others.
+if [ "$(id -u)" -ne 0 ]; then
+  cases+=("3|tovictl: cfg: $tmp/locked.ini: cannot read: Permission denied|cfg dump $tmp/locked.ini"
+          "1|tovictl: crc32c: cannot open '$tmp/locked.ini': Permission denied|crc32c $tmp/locked.ini")
+fi
+for c in "${cases[@]}"; do
+  IFS='|' read -r want msg args <<<"$c"
+  # shellcheck disable=SC2086  # the arguments are words
+  "${tool[@]}" $args >"$tmp/out" 2>"$tmp/err"
+  got=$?
+  [ "$got" -eq "$want" ] || fail "tovictl $args: status $got, expected $want"
+  [ -s "$tmp/out" ] && fail "tovictl $args: printed on standard output: $(cat "$tmp/out")"
+  [ "$(wc -l <"$tmp/err")" -eq 1 ] || fail "tovictl $args: $(wc -l <"$tmp/err") lines on standard error"
+  grep -Eqx -- "$msg" "$tmp/err" || fail "tovictl $args: said '$(cat "$tmp/err")'"
+done
+
+# The demo: every timer fires, nothing goes wrong, and only the tool speaks.
+env -u VRLOG_LEVEL "${tool[@]}" demo >"$tmp/out" 2>&1 || fail "tovictl demo: status $?"
+for ms in '10' '50' '120'; do
+  grep -Eq "^timer of +$ms ms fired [0-9]+\.[0-9]{3} ms after its due millisecond$" "$tmp/out" ||
+    fail "tovictl demo: the $ms ms timer did not report firing"
+done
+grep -Eq '^woke thread [0-9]+ \(tovi_wake_up_process=0\): tovi_wait_comm returned [1-9][0-9]* jiffies left' \
+  "$tmp/out" || fail "tovictl demo: the woken thread did not report its jiffies left"
+grep -q 'ERROR' "$tmp/out" && fail "tovictl demo: an ERROR line: $(grep ERROR "$tmp/out")"
+grep -q 'Tovi init start.' "$tmp/out" && fail "tovictl demo: the library's start messages by default"
+env -u VRLOG_LEVEL "${tool[@]}" -v info >"$tmp/out" 2>&1
+grep -q 'Tovi init start.' "$tmp/out" || fail "tovictl -v info: the library's messages are missing"
+# VRLOG_LEVEL decides when set, for every module or for one.
+VRLOG_LEVEL=3 "${tool[@]}" info >"$tmp/out" 2>&1
+grep -q 'Tovi init start.' "$tmp/out" && fail "VRLOG_LEVEL=3 tovictl info: messages above the threshold"
+VRLOG_LEVEL=3,381=6 "${tool[@]}" info >"$tmp/out" 2>&1
+grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=3,381=6 tovictl info: the library's messages are missing"
+
+[ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
+exit $((failures != 0))
