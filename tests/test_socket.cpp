@@ -15,19 +15,18 @@
 using namespace tovi::test;
 using Texts = std::vector<std::string>;
 
-// Each command line byte for byte, the result (exit status for routes and rules, else raw) and the refusals.
 TEST(Socket, CommandLinesResultsRefusalsAndParsers)
 {
     const tovi_ip_route_cfg_s v6{10, 100, "fd00::", 64, "eth0", "", ""}, v4{2, 100, "10.0.0.0", 24, "eth0", "10.0.0.1", "10.0.0.2"},
         odd{7, 100, "10.0.0.0", 24, "eth0", "", ""}, evil{2, 100, "1.1.1.1;reboot", 24, "eth0", "", ""};
-    tovi_ip_rule_cfg_s uni{2, 1, 200, 1, "10.0.0.0/24"}, unreach{10, 3, 200, 32765, "fd00::/64"}, prio0{2, 2, 200, 0, "1.2.3.4"},
-        prio_max{2, 4, 200, 32766, "1.2.3.4"}, fam{3, 1, 200, 9, "1.2.3.4"}, type6{2, 6, 200, 9, "1.2.3.4"}, empty{2, 5, 200, 9, ""},
-        full{2, 1, 200, 5, ""}, evil_src{2, 5, 200, 9, "1.2.3.4`id`"};
+    tovi_ip_rule_cfg_s uni{2, 1, 200, 1, "10.0.0.0/24"}, unreach{10, 3, 200, 32765, "fd00::/64"}, full{2, 1, 200, 5, ""}, empty{2, 5, 200, 9, ""},
+        prio0{2, 2, 200, 0, "1.2.3.4"}, prio_max{2, 4, 200, 32766, "1.2.3.4"}, fam{3, 1, 200, 9, "1.2.3.4"}, type6{2, 6, 200, 9, "1.2.3.4"},
+        evil_src{2, 5, 200, 9, "1.2.3.4`id`"};
     memset(full.src, '1', sizeof full.src);
     uint32_t n = 1;
     tovi_ip_addr_s addrs[1];
     const std::string q = " &>/dev/null", rq = " &> /dev/null";  // the routes' and rules' recorded forms
-    // status: the raw wait status; cmd "" when nothing may run; message "" for "Cmd <cmd>." at level 6
+    // rc: the exit status for routes and rules, else the raw wait status; cmd "": nothing may run; message "": "Cmd <cmd>." at 6
     struct Case { std::function<int32_t()> call; int32_t status, rc; std::string cmd, message = ""; };
 #define CALL(e) [&] { return e; }
 #define OK(e, cmd) {CALL(e), 0, 0, cmd}
@@ -115,7 +114,6 @@ std::string shell_out(const std::string &cmd)
     return f != nullptr && pclose(f) != -1 ? out : "<popen failed>";
 }
 
-// `body` in a child with its own mount namespace (and those in `flags`) and an empty /tmp.
 void in_child(int flags, const std::function<std::string()> &body)
 {
     std::string failure = report_from_child([&] {
