@@ -1,9 +1,5 @@
-// String helpers: the unsigned-number test, conversions, lower-casing and
-// the process-wide tokenizer.
+// String helpers: number test, conversions, lower-casing, the tokenizer.
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "log_capture.hpp"
 #include "tovi_str.h"
@@ -19,11 +15,7 @@ TEST(Str, IsUintAndConversions)
     EXPECT_EQ(tovi_str_isuint(nullptr), -22);
 
     tovi::test::LogCapture log;
-    const struct {
-        const char *text;
-        uint64_t u;
-        int64_t s;
-    } values[] = {
+    const struct { const char *text; uint64_t u; int64_t s; } values[] = {
         {"42", 42, 42}, {"0x1F", 31, 31}, {"0Xff", 255, 255}, {"010", 10, 10}, {"12abc", 12, 12},
         {"-5", static_cast<uint64_t>(-5), -5}, {"-0x10", 0, -16}, {"18446744073709551615", UINT64_MAX, -1},
     };
@@ -43,14 +35,9 @@ TEST(Str, IsUintAndConversions)
     EXPECT_STREQ(text, "mixed 1 \xc3\x84_z");
 }
 
-// Each text tokenized to the end; the call after the last token finds
-// nothing to continue from and says so.
 TEST(Str, TokenizerTable)
 {
-    const struct {
-        const char *text, *delim;
-        Texts tokens;
-    } cases[] = {
+    const struct { const char *text, *delim; Texts tokens; } cases[] = {
         {",a,,b,", ",", {"a", "b"}}, {"abc", ",", {"abc"}},  {"", ",", {""}},
         {",,,", ",", {""}},          {"::x", ":", {"x"}},     {"a b\t\tc", " \t", {"a", "b", "c"}},
         {"a,b", "", {"a,b"}},
