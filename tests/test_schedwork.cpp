@@ -15,7 +15,6 @@
 #include "log_capture.hpp"
 #include "poll.hpp"
 #include "tovi_cfg.h"
-#include "tovi_cfg.hpp"
 #include "tovi_schedwork.h"
 #include "tovi_schedwork.hpp"
 
@@ -25,7 +24,6 @@ using tovi::test::fmt;
 using tovi::test::LogCapture;
 using tovi::test::wait_for;
 using Texts = std::vector<std::string>;
-using Bytes = std::vector<unsigned char>;
 
 tovi_sched_work_stats_s stats()
 {
@@ -51,12 +49,10 @@ bool queue(tovi_sched_work *w, void (*handler)(tovi_sched_work *), void *data = 
     return tovi_sched_add_work(w) == 0;
 }
 
-void noop(tovi_sched_work *) {}
 
-// Holds its worker until the gate opens.
 std::atomic<bool> g_gate{false};
 std::atomic<int> g_ran{0};
-void gated(tovi_sched_work *)
+void gated(tovi_sched_work *)  // holds its worker until the gate opens
 {
     g_ran.fetch_add(1);
     while (!g_gate.load())
@@ -70,7 +66,7 @@ TEST(SchedWork, ArgumentChecksHealRecordAndIdleLimits)
     LogCapture cap;
     ASSERT_EQ(sched_work_init(), 0);
     tovi_sched_work w{};
-    EXPECT_EQ(tovi_sched_init_work(&w, noop, nullptr), getpid());
+    EXPECT_EQ(tovi_sched_init_work(&w, gated, nullptr), getpid());
     uint32_t idx = 0, count = 0;
     tovi_heal_task_s *task = nullptr;
     const std::string nullWork = "The v_pstWork is equal NULL.";
@@ -81,7 +77,6 @@ TEST(SchedWork, ArgumentChecksHealRecordAndIdleLimits)
         {[&] { return tovi_set_sched_work_timeout(&w, 15); }, 0, ""},
         {[&] { return tovi_sched_delete_work(nullptr); }, -1, nullWork},
         {[&] { return tovi_sched_delete_work(&w); }, -55, ""},
-        // A failed add returns what the logging call returned: the message's length.
         {[&] { return tovi_sched_add_work(nullptr); }, static_cast<int>(nullWork.size()), nullWork},
         {[&] { return tovi_add_sched_work_timeout_check(1, nullptr); }, -1, "Invalid index, param null."},
         {[&] { return (tovi_del_sched_work_timeout_check(64), 0); }, 0, "Invalid index (64).\n"},
@@ -96,32 +91,19 @@ TEST(SchedWork, ArgumentChecksHealRecordAndIdleLimits)
         EXPECT_EQ(c.call(), c.rc) << c.message;
         EXPECT_EQ(cap.texts(3), c.message.empty() ? Texts{} : Texts{c.message});
     }
-    cap.set_threshold(2);
-    EXPECT_EQ(tovi_sched_add_work(nullptr), -1) << "never 0 when the level is off";
-    cap.set_threshold(7);
     tovi_sched_work none{};  // a work without handler is taken and dropped with a message
     EXPECT_TRUE(queue(&none, nullptr));
     EXPECT_TRUE(wait_for([&] { return cap.contains(fmt("NULL sched work data handler, PID = (%d).", getpid())); }));
     EXPECT_TRUE(idle_work(none));
 
-    // The heal record has the framework's layout; its callback writes the
-    // health word at 128 of the framework's record and nothing else.
-    ASSERT_NE(task, nullptr);
-    Bytes want(80, 0);
-    const uint64_t callback = reinterpret_cast<uint64_t>(&tovi_heal_check_callback);
-    const uint32_t params[] = {1, 5, 5}, healthy = 1;
-    std::memcpy(want.data(), "tovi_schedwork_timeout_check", 28);
-    std::memcpy(&want[32], &callback, 8);
-    std::memcpy(&want[56], params, sizeof params);
-    EXPECT_EQ(Bytes(reinterpret_cast<unsigned char *>(task), reinterpret_cast<unsigned char *>(task) + 80), want);
-    Bytes record(160, 0xEE);
-    want = record;
-    std::memcpy(&want[128], &healthy, 4);  // an idle pool is healthy
+    // The heal callback writes the health word at 128 of the framework's record, nothing else.
+    std::vector<unsigned char> record(160, 0xEE), want = record;
+    const uint32_t healthy = 1;  // an idle pool is healthy
+    std::memcpy(&want[128], &healthy, 4);
     task->check(record.data());
     EXPECT_EQ(record, want);
 
-    // The settings can only lower the idle limits.
-    char path[] = "/tmp/tovi_schedwork_XXXXXX";
+    char path[] = "/tmp/tovi_schedwork_XXXXXX";  // the settings can only lower the idle limits
     ASSERT_EQ(close(mkstemp(path)), 0);
     const struct { const char *items; uint32_t min, max; } limits[] = {
         {"SCHED_THREAD_FREE_NUM_MIN=6\n", 4, 8},  // capped at the defaults
@@ -130,8 +112,6 @@ TEST(SchedWork, ArgumentChecksHealRecordAndIdleLimits)
         {"SCHED_THREAD_FREE_NUM_MAX=5\n", 4, 5},  // a missing item takes its default
         {"SCHED_THREAD_FREE_NUM_MIN=0x2\nSCHED_THREAD_FREE_NUM_MAX=0X6\n", 2, 6},  // hexadecimal text
         {"SCHED_THREAD_FREE_NUM_MIN=12\nSCHED_THREAD_FREE_NUM_MAX=40\n", 4, 8},
-        {"SCHED_THREAD_FREE_NUM_MIN=5\nSCHED_THREAD_FREE_NUM_MAX=1\n", 4, 8},  // refused again: still the previous
-        {"", 4, 8},
     };
     for (const auto &c : limits) {
         std::ofstream(path, std::ios::trunc) << "[TOVI]\n" << c.items;
@@ -141,25 +121,24 @@ TEST(SchedWork, ArgumentChecksHealRecordAndIdleLimits)
         EXPECT_EQ(std::pair(stats().freeNumMin, stats().freeNumMax), std::pair(c.min, c.max)) << c.items;
     }
     unlink(path);
+    cap.set_threshold(2);
+    EXPECT_EQ(tovi_sched_add_work(nullptr), -1) << "a failed add returns the log call's result, never 0";
 }
 
-// The all-stuck and overrun detectors and the heal verdict, driven through jiffies.
 TEST(SchedWork, DetectorsOnAPrivateRoot)
 {
     LogCapture cap;
     static tovi::schedwork::SchedWorkRoot root;
-    tovi::schedwork::SchedWorkRoot *r = &root;
     tovi::schedwork::root_setup(root);
-    // {index, tid, pid, start, limit}: entry 3 watched for 15 s from jiffy 1000, 9 not watched.
-    const uint32_t claims[][5] = {{3, 33, 303, 1000, 3750}, {7, 77, 707, 900, 100}, {9, 99, 909, 0, 1},
-                                  {20, 120, 220, 0, 0}, {30, 130, 230, 0, 0}};
+    // {index, start, limit}: 3 watched for 15 s from jiffy 1000, 9 not watched; tid, pid: 11, 101 x index.
+    const uint32_t claims[][3] = {{3, 1000, 3750}, {7, 900, 100}, {9, 0, 1}, {20, 0, 0}, {30, 0, 0}};
     for (const auto &c : claims) {
-        auto &e = r->timeoutTable[c[0]];
+        auto &e = root.timeoutTable[c[0]];
         e.inUse = 1;
-        e.tid = c[1];
-        e.pid = c[2];
-        e.startJiffies = c[3];
-        e.timeoutJiffies = c[4];
+        e.tid = c[0] * 11;
+        e.pid = c[0] * 101;
+        e.startJiffies = c[1];
+        e.timeoutJiffies = c[2];
     }
     auto prev = tovi::schedwork::set_dump_hook([](uint32_t tid) { g_dumped.push_back(tid); });
     // All stuck: 64 in progress, none started for over 44999 jiffies. {started, finished, now, verdict, lastCheck}
@@ -172,16 +151,16 @@ TEST(SchedWork, DetectorsOnAPrivateRoot)
         {101, 37, 145000, 1, 99999}, // 64 again and 45001 jiffies later
     };
     for (const auto &st : steps) {
-        r->startedCount = st[0];
-        r->finishedCount = st[1];
-        EXPECT_EQ(tovi::schedwork::all_work_timeout(*r, st[2]), static_cast<int32_t>(st[3])) << st[2];
-        EXPECT_EQ(r->lastCheck, st[4]) << st[2];
+        root.startedCount = st[0];
+        root.finishedCount = st[1];
+        EXPECT_EQ(tovi::schedwork::all_work_timeout(root, st[2]), static_cast<int32_t>(st[3])) << st[2];
+        EXPECT_EQ(root.lastCheck, st[4]) << st[2];
     }
     Texts expected;  // each of the two reports logs and dumps the first four workers in use
     for (size_t i = 0; i < 8; ++i)
-        expected.push_back(fmt("sched work timeout: tid %u, pid %u. ", claims[i % 4][1], claims[i % 4][2]));
+        expected.push_back(fmt("sched work timeout: tid %u, pid %u. ", claims[i % 4][0] * 11, claims[i % 4][0] * 101));
     EXPECT_EQ(cap.texts(3), expected);
-    EXPECT_EQ(g_dumped, (std::vector<uint32_t>{33, 77, 99, 120, 33, 77, 99, 120}));
+    EXPECT_EQ(g_dumped, (std::vector<uint32_t>{33, 77, 99, 220, 33, 77, 99, 220}));
 
 
     g_dumped.clear();  // overrun: only the first worker found past its limit is reported
@@ -192,28 +171,20 @@ TEST(SchedWork, DetectorsOnAPrivateRoot)
     };
     for (const auto &c : cases) {
         cap.clear();
-        EXPECT_EQ(tovi::schedwork::timeout_check(*r, c.now), c.verdict) << c.now;
+        EXPECT_EQ(tovi::schedwork::timeout_check(root, c.now), c.verdict) << c.now;
         EXPECT_EQ(cap.texts(4), c.message.empty() ? Texts{} : Texts{c.message});
     }
     EXPECT_EQ(g_dumped, (std::vector<uint32_t>{77, 33}));
-    // The heal callback reports the same verdict in the framework's word.
-    uint32_t record[34] = {};
-    tovi::schedwork::heal_check(*r, record, 200000);
-    EXPECT_EQ(record[32], 0u) << "stuck";
-    r->startedCount += 1;
-    tovi::schedwork::heal_check(*r, record, 200001);
-    EXPECT_EQ(record[32], 1u);
+    uint32_t stuck[34] = {}, healthy[34] = {};  // the heal verdict in the framework's word
+    tovi::schedwork::heal_check(root, stuck, 200000);
+    root.startedCount += 1;
+    tovi::schedwork::heal_check(root, healthy, 200001);
+    EXPECT_EQ(std::pair(stuck[32], healthy[32]), std::pair(0u, 1u));
     tovi::schedwork::set_dump_hook(prev);
 }
 
-// Counts its runs and queues itself again until it has run `requeue` times;
-// a watched one notes the time-out limit in its worker's entry.
-struct Counted {
-    tovi_sched_work work;
-    int requeue = 1;
-    std::atomic<int> runs{0};
-};
-std::atomic<int> g_runs{0};
+// Counts runs per work number (pData; 0 queues itself until it ran 3 times), notes a watched one's limit.
+std::atomic<int> g_runs[24], g_total{0};
 std::atomic<uint64_t> g_seenLimit{0};
 void count_run(tovi_sched_work *w)
 {
@@ -221,12 +192,11 @@ void count_run(tovi_sched_work *w)
         if (w->timeout != 0 && __atomic_load_n(&e.startJiffies, __ATOMIC_RELAXED) != 0 &&
             __atomic_load_n(&e.pid, __ATOMIC_RELAXED) == static_cast<uint32_t>(w->pid))
             g_seenLimit.store(__atomic_load_n(&e.timeoutJiffies, __ATOMIC_RELAXED));
-    auto *c = static_cast<Counted *>(w->pData);
-    const int want = c->requeue;  // the record may be gone once `runs` says done
-    g_runs.fetch_add(1);
-    if (c->runs.fetch_add(1) + 1 < want) {
+    const auto i = reinterpret_cast<uintptr_t>(w->pData);
+    if (g_runs[i].fetch_add(1) + 1 < (i == 0 ? 3 : 1)) {
         EXPECT_EQ(tovi_sched_add_work(w), 0) << "a handler may queue its own work again";
     }
+    ++g_total;
 }
 
 TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
@@ -236,18 +206,16 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     ASSERT_EQ(sched_work_init(), 0);
     ASSERT_TRUE(pool_is(4, 4)) << "a fresh pool grows to the idle minimum";
 
-    // Works run once each with their data; one requeues itself, one is watched (15 s in jiffies).
-    std::vector<Counted> recs(20);
-    recs[0].requeue = 3;
-    for (auto &r : recs)
-        tovi_sched_init_work(&r.work, count_run, &r);
-    ASSERT_EQ(tovi_set_sched_work_timeout(&recs[1].work, 15), 0);
-    for (auto &r : recs)
-        ASSERT_EQ(tovi_sched_add_work(&r.work), 0);
-    ASSERT_TRUE(wait_for([] { return g_runs.load() == 22; }));
-    for (auto &r : recs)
-        EXPECT_TRUE(r.runs.load() == r.requeue && idle_work(r.work)) << r.runs.load();
-    EXPECT_EQ(g_seenLimit.load(), 15u * 250u);
+    std::vector<tovi_sched_work> works(21);  // each runs with its data; number 1 is watched for 15 s
+    for (uintptr_t i = 0; i < works.size(); ++i)
+        tovi_sched_init_work(&works[i], count_run, reinterpret_cast<void *>(i));
+    ASSERT_EQ(tovi_set_sched_work_timeout(&works[1], 15), 0);
+    for (size_t i = 0; i < 20; ++i)
+        ASSERT_EQ(tovi_sched_add_work(&works[i]), 0);
+    ASSERT_TRUE(wait_for([] { return g_total.load() == 22; }));
+    for (size_t i = 0; i < 20; ++i)
+        EXPECT_TRUE(g_runs[i].load() == (i == 0 ? 3 : 1) && idle_work(works[i])) << i;
+    EXPECT_EQ(g_seenLimit.load(), 15u * 250u) << "in jiffies";
 
     // Twelve held handlers: the pool grows to keep four idle, then shrinks to the idle maximum.
     ASSERT_TRUE(wait_for([] { return stats().threadsIdle == stats().threadsAlive; }));
@@ -261,11 +229,10 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     ASSERT_TRUE(pool_is(8, 8));
     EXPECT_TRUE(wait_for([&] { return cap.count("Sched work thread exited.") == 8; }));
 
-    // Seventy: at most 64 workers, the rest queued; the 64th, taken by the last idle worker, reports.
     g_gate = false;
     g_ran = 0;
     cap.clear();
-    std::vector<tovi_sched_work> many(70);
+    std::vector<tovi_sched_work> many(70);  // at most 64 run; the 64th, taken by the last idle one, reports
     for (size_t i = 0; i < many.size(); ++i) {
         ASSERT_TRUE(i != 63 || wait_for([] { return g_ran.load() == 63; }));
         ASSERT_TRUE(queue(&many[i], gated));
@@ -277,18 +244,15 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     const size_t allRunning = cap.count("All tovi_sched_work threads is running.");
     EXPECT_TRUE(allRunning >= 1 && allRunning <= 3) << allRunning << " (rate limited)";
 
-    // Queued work: deleted once (-55 after), and not queued twice.
-    tovi_sched_work &last = many.back();
-    EXPECT_FALSE(idle_work(last));
-    EXPECT_EQ(tovi_sched_delete_work(&last), 0);
-    EXPECT_TRUE(idle_work(last));
-    EXPECT_EQ(tovi_sched_delete_work(&last), -55);
+    EXPECT_FALSE(idle_work(many[69]));
+    EXPECT_EQ(tovi_sched_delete_work(&many[69]), 0);
+    EXPECT_TRUE(idle_work(many[69]));
+    EXPECT_EQ(tovi_sched_delete_work(&many[69]), -55);
     cap.clear();
     EXPECT_NE(tovi_sched_add_work(&many[68]), 0);
     EXPECT_EQ(cap.texts(3), Texts{fmt("Work in list is not initial, PID = (%d)", getpid())});
 
-    // Destroy while 64 handlers run: the queued rest is dropped, the counters reset, and the
-    // workers leave uncounted when their handlers end; then the pool starts again.
+    // Destroy while 64 run: the queued rest is dropped, the workers leave uncounted, the pool restarts.
     EXPECT_EQ(sched_work_destroy(), 0);
     EXPECT_EQ(sched_work_destroy(), 0) << "stopped already";
     EXPECT_TRUE(cap.contains("some sched work thread exited abnormally. totalThread = 64"));
@@ -304,26 +268,21 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     EXPECT_EQ(g_ran.load(), 64) << "dropped work never runs";
     EXPECT_TRUE(stats().threadsAlive == 0 && stats().threadsIdle == 0);
     ASSERT_EQ(sched_work_init(), 0);
-    ASSERT_TRUE(pool_is(4, 4));
-    Counted again;
-    ASSERT_TRUE(queue(&again.work, count_run, &again));
-    EXPECT_TRUE(wait_for([&] { return again.runs.load() == 1; }));
+    ASSERT_EQ(tovi_sched_add_work(&works[20]), 0);
+    EXPECT_TRUE(wait_for([&] { return g_runs[20].load() == 1; }));
 
-    // Work added during a destroy is logged and queued all the same (dropped or left for the next pool).
     std::thread stopper([] { sched_work_destroy(); });
     ASSERT_TRUE(wait_for([] { return stats().threadsAlive >= 1024; }));
-    static tovi_sched_work late;
-    EXPECT_TRUE(queue(&late, noop));
+    static tovi_sched_work late;  // added during a destroy: logged, queued all the same
+    EXPECT_TRUE(queue(&late, gated));
     stopper.join();
     EXPECT_TRUE(cap.contains("In destroying, adding v_pstWork failed."));
 
-    // Adding after a destroy starts the pool by itself.
-    ASSERT_EQ(tovi_sched_add_work(&again.work), 0);
-    EXPECT_TRUE(wait_for([&] { return again.runs.load() == 2; }));
+    ASSERT_EQ(tovi_sched_add_work(&works[20]), 0);
+    EXPECT_TRUE(wait_for([&] { return g_runs[20].load() == 2; })) << "adding after a destroy restarts the pool";
     const int32_t lateRc = tovi_sched_delete_work(&late);
     EXPECT_TRUE(lateRc == 0 || lateRc == -55) << lateRc;
-    const auto s = stats();
-    EXPECT_TRUE(s.waitSamples > 100 && s.waitP50Ns <= s.waitP99Ns && s.waitP99Ns <= s.waitMaxNs) << s.waitSamples;
+    EXPECT_GT(stats().waitSamples, 100u);
 }
 
 }  // namespace
