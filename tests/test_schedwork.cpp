@@ -49,7 +49,6 @@ bool queue(tovi_sched_work *w, void (*handler)(tovi_sched_work *), void *data = 
     return tovi_sched_add_work(w) == 0;
 }
 
-
 std::atomic<bool> g_gate{false};
 std::atomic<int> g_ran{0};
 void gated(tovi_sched_work *)  // holds its worker until the gate opens
@@ -161,7 +160,6 @@ TEST(SchedWork, DetectorsOnAPrivateRoot)
         expected.push_back(fmt("sched work timeout: tid %u, pid %u. ", claims[i % 4][0] * 11, claims[i % 4][0] * 101));
     EXPECT_EQ(cap.texts(3), expected);
     EXPECT_EQ(g_dumped, (std::vector<uint32_t>{33, 77, 99, 220, 33, 77, 99, 220}));
-
 
     g_dumped.clear();  // overrun: only the first worker found past its limit is reported
     const struct { uint64_t now; int32_t verdict; std::string message; } cases[] = {
