@@ -1,37 +1,29 @@
-// Scheduled work: argument checks and the heal record, the idle limits from
-// the settings, the detectors on a private root driven through jiffies, and
-// the real pool through growth, shrink, the 64-worker cap, destroy while
-// handlers run and restart.
+// Scheduled work: argument checks, the heal record, the detectors on a private
+// root, the idle limits from the settings, and the real pool's whole life.
 // test-labels: concurrency
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "log_capture.hpp"
 #include "poll.hpp"
 #include "tovi_cfg.h"
-#include "tovi_cfg.hpp"
-#include "tovi_jiffies.h"
 #include "tovi_schedwork.h"
 #include "tovi_schedwork.hpp"
-#include "tovi_time.h"
 
 namespace {
 
-using tovi::schedwork::SchedWorkRoot;
 using tovi::test::fmt;
 using tovi::test::LogCapture;
 using tovi::test::wait_for;
+using Texts = std::vector<std::string>;
 
 tovi_sched_work_stats_s stats()
 {
@@ -40,17 +32,26 @@ tovi_sched_work_stats_s stats()
     return s;
 }
 
-bool idle_work(const tovi_sched_work &w)
+bool pool_is(int32_t alive, int32_t idle)
+{
+    return wait_for([&] { return stats().threadsAlive == alive && stats().threadsIdle == idle; });
+}
+
+bool idle_work(const tovi_sched_work &w)  // the list poison of a work that is not queued
 {
     return w.entry.next == reinterpret_cast<tovi_list_head_s *>(0x100100) &&
            w.entry.prev == reinterpret_cast<tovi_list_head_s *>(0x200200);
 }
 
-// Handlers that hold their worker until the gate opens.
+bool queue(tovi_sched_work *w, void (*handler)(tovi_sched_work *), void *data = nullptr)
+{
+    tovi_sched_init_work(w, handler, data);
+    return tovi_sched_add_work(w) == 0;
+}
+
 std::atomic<bool> g_gate{false};
 std::atomic<int> g_ran{0};
-
-void gated(tovi_sched_work *)
+void gated(tovi_sched_work *)  // holds its worker until the gate opens
 {
     g_ran.fetch_add(1);
     while (!g_gate.load())
@@ -58,130 +59,89 @@ void gated(tovi_sched_work *)
 }
 
 std::vector<uint32_t> g_dumped;
-void record_dump(uint32_t tid)
-{
-    g_dumped.push_back(tid);
-}
 
-void noop(tovi_sched_work *) {}
-
-TEST(SchedWork, ArgumentChecksWordForWord)
+TEST(SchedWork, ArgumentChecksHealRecordAndIdleLimits)
 {
     LogCapture cap;
     ASSERT_EQ(sched_work_init(), 0);
     tovi_sched_work w{};
-    EXPECT_EQ(tovi_sched_init_work(&w, noop, nullptr), getpid());
-    EXPECT_TRUE(idle_work(w));
-    uint32_t idx = 0;
+    EXPECT_EQ(tovi_sched_init_work(&w, gated, nullptr), getpid());
+    uint32_t idx = 0, count = 0;
     tovi_heal_task_s *task = nullptr;
-    struct Bad {
-        std::function<int()> call;
-        int rc;
-        std::string message;
-    };
-    const Bad cases[] = {
+    const std::string nullWork = "The v_pstWork is equal NULL.";
+    const auto badHeal = [](void *t, void *n) { return fmt("Invalid param, heal_task(%p), task_num(%p).", t, n); };
+    const struct { std::function<int()> call; int rc; std::string message; } cases[] = {
         {[&] { return tovi_set_sched_work_timeout(nullptr, 30); }, -1, "param (nil), timeout 30."},
         {[&] { return tovi_set_sched_work_timeout(&w, 14); }, -1, fmt("param %p, timeout 14.", (void *)&w)},
         {[&] { return tovi_set_sched_work_timeout(&w, 15); }, 0, ""},
-        {[&] { return tovi_sched_delete_work(nullptr); }, -1, "The v_pstWork is equal NULL."},
+        {[&] { return tovi_sched_delete_work(nullptr); }, -1, nullWork},
         {[&] { return tovi_sched_delete_work(&w); }, -55, ""},
+        {[&] { return tovi_sched_add_work(nullptr); }, static_cast<int>(nullWork.size()), nullWork},
         {[&] { return tovi_add_sched_work_timeout_check(1, nullptr); }, -1, "Invalid index, param null."},
         {[&] { return (tovi_del_sched_work_timeout_check(64), 0); }, 0, "Invalid index (64).\n"},
         {[&] { return (tovi_update_sched_work_timeout_info(64, 1, 1, 1), 0); }, 0, ""},
-        {[&] { return tovi_get_sched_work_heal_task_info(nullptr, &idx); }, -1,
-         fmt("Invalid param, heal_task(%p), task_num(%p).", (void *)nullptr, (void *)&idx)},
-        {[&] { return tovi_get_sched_work_heal_task_info(&task, nullptr); }, -1,
-         fmt("Invalid param, heal_task(%p), task_num(%p).", (void *)&task, (void *)nullptr)},
+        {[&] { return tovi_get_sched_work_heal_task_info(nullptr, &idx); }, -1, badHeal(nullptr, &idx)},
+        {[&] { return tovi_get_sched_work_heal_task_info(&task, nullptr); }, -1, badHeal(&task, nullptr)},
         {[&] { return (tovi_heal_check_callback(nullptr), 0); }, 0, "Invalid param"},
+        {[&] { return tovi_get_sched_work_heal_task_info(&task, &count) | static_cast<int>(count); }, 1, ""},
     };
-    for (const Bad &c : cases) {
+    for (const auto &c : cases) {
         cap.clear();
         EXPECT_EQ(c.call(), c.rc) << c.message;
-        EXPECT_EQ(cap.texts(3), c.message.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.message});
+        EXPECT_EQ(cap.texts(3), c.message.empty() ? Texts{} : Texts{c.message});
     }
-    EXPECT_EQ(w.timeout, 15u);
-
-    // A failed add returns what the logging call returned: the message's length.
-    cap.clear();
-    const std::string nullMsg = "The v_pstWork is equal NULL.";
-    EXPECT_EQ(tovi_sched_add_work(nullptr), static_cast<int32_t>(nullMsg.size()));
-    EXPECT_EQ(cap.texts(3), std::vector<std::string>{nullMsg});
-    cap.set_threshold(2);
-    EXPECT_EQ(tovi_sched_add_work(nullptr), -1) << "never 0 when the level is off";
-    cap.set_threshold(7);
-
-    // A work without handler is taken and dropped with a message.
-    cap.clear();
-    tovi_sched_work none{};
-    tovi_sched_init_work(&none, nullptr, nullptr);
-    EXPECT_EQ(tovi_sched_add_work(&none), 0);
-    const std::string noHandler = fmt("NULL sched work data handler, PID = (%d).", getpid());
-    EXPECT_TRUE(wait_for([&] { return cap.contains(noHandler); }));
+    tovi_sched_work none{};  // a work without handler is taken and dropped with a message
+    EXPECT_TRUE(queue(&none, nullptr));
+    EXPECT_TRUE(wait_for([&] { return cap.contains(fmt("NULL sched work data handler, PID = (%d).", getpid())); }));
     EXPECT_TRUE(idle_work(none));
-}
 
-TEST(SchedWork, HealRecordHasTheFrameworksLayout)
-{
-    ASSERT_EQ(sched_work_init(), 0);
-    tovi_heal_task_s *task = nullptr;
-    uint32_t count = 0;
-    ASSERT_EQ(tovi_get_sched_work_heal_task_info(&task, &count), 0);
-    ASSERT_NE(task, nullptr);
-    EXPECT_EQ(count, 1u);
-    const auto *b = reinterpret_cast<const unsigned char *>(task);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(b), 32),
-              std::string("tovi_schedwork_timeout_check") + std::string(4, '\0'));
-    struct Word {
-        size_t offset, width;
-        uint64_t value;
+    // The heal callback writes the health word at 128 of the framework's record, nothing else.
+    std::vector<unsigned char> record(160, 0xEE), want = record;
+    const uint32_t healthy = 1;  // an idle pool is healthy
+    std::memcpy(&want[128], &healthy, 4);
+    task->check(record.data());
+    EXPECT_EQ(record, want);
+
+    char path[] = "/tmp/tovi_schedwork_XXXXXX";  // the settings can only lower the idle limits
+    ASSERT_EQ(close(mkstemp(path)), 0);
+    const struct { const char *items; uint32_t min, max; } limits[] = {
+        {"SCHED_THREAD_FREE_NUM_MIN=6\n", 4, 8},  // capped at the defaults
+        {"SCHED_THREAD_FREE_NUM_MIN=2\nSCHED_THREAD_FREE_NUM_MAX=3\n", 2, 3},
+        {"SCHED_THREAD_FREE_NUM_MIN=3\nSCHED_THREAD_FREE_NUM_MAX=2\n", 2, 3},  // max below min: the previous stay
+        {"SCHED_THREAD_FREE_NUM_MAX=5\n", 4, 5},  // a missing item takes its default
+        {"SCHED_THREAD_FREE_NUM_MIN=0x2\nSCHED_THREAD_FREE_NUM_MAX=0X6\n", 2, 6},  // hexadecimal text
+        {"SCHED_THREAD_FREE_NUM_MIN=12\nSCHED_THREAD_FREE_NUM_MAX=40\n", 4, 8},
     };
-    for (const Word &w : {Word{32, 8, reinterpret_cast<uint64_t>(&tovi_heal_check_callback)}, Word{40, 8, 0},
-                          Word{48, 8, 0}, Word{56, 4, 1}, Word{60, 4, 5}, Word{64, 4, 5}, Word{72, 8, 0}}) {
-        uint64_t v = 0;
-        std::memcpy(&v, b + w.offset, w.width);
-        EXPECT_EQ(v, w.value) << "offset " << w.offset;
+    for (const auto &c : limits) {
+        std::ofstream(path, std::ios::trunc) << "[TOVI]\n" << c.items;
+        ASSERT_EQ(tovi_cfg_init_ex(path), 0);
+        sched_work_thread_num_set();
+        tovi_cfg_destroy_ex(path);
+        EXPECT_EQ(std::pair(stats().freeNumMin, stats().freeNumMax), std::pair(c.min, c.max)) << c.items;
     }
-
-    // The framework's own record: the callback writes word 128, nothing else.
-    unsigned char record[160];
-    std::memset(record, 0xEE, sizeof record);
-    task->check(record);
-    uint32_t health = 0;
-    std::memcpy(&health, record + 128, 4);
-    EXPECT_EQ(health, 1u) << "an idle pool is healthy";
-    for (size_t i = 0; i < sizeof record; ++i)
-        if (i < 128 || i >= 132) {
-            ASSERT_EQ(record[i], 0xEE) << i;
-        }
+    unlink(path);
+    cap.set_threshold(2);
+    EXPECT_EQ(tovi_sched_add_work(nullptr), -1) << "a failed add returns the log call's result, never 0";
 }
 
-// ---- The detectors on a private root ----
-
-struct PrivateRoot {
-    std::unique_ptr<SchedWorkRoot> r = std::make_unique<SchedWorkRoot>();
-    PrivateRoot() { tovi::schedwork::root_setup(*r); }
-    void claim(uint32_t i, uint32_t tid, uint32_t pid)
-    {
-        r->timeoutTable[i].inUse = 1;
-        r->timeoutTable[i].tid = tid;
-        r->timeoutTable[i].pid = pid;
-    }
-};
-
-TEST(SchedWork, AllStuckDetectorNeedsSixtyFourHandlersAndNoStartFor45000Jiffies)
+TEST(SchedWork, DetectorsOnAPrivateRoot)
 {
     LogCapture cap;
-    PrivateRoot p;
-    for (uint32_t i = 0; i < 6; ++i)
-        p.claim(i * 10, 100 + i, 200 + i);
-    auto prev = tovi::schedwork::set_dump_hook(record_dump);
-    g_dumped.clear();
-    struct Step {
-        uint64_t started, finished, now;
-        int expected;
-        uint64_t lastCheckAfter;
-    };
-    const Step steps[] = {
+    static tovi::schedwork::SchedWorkRoot root;
+    tovi::schedwork::root_setup(root);
+    // {index, start, limit}: 3 watched for 15 s from jiffy 1000, 9 not watched; tid, pid: 11, 101 x index.
+    const uint32_t claims[][3] = {{3, 1000, 3750}, {7, 900, 100}, {9, 0, 1}, {20, 0, 0}, {30, 0, 0}};
+    for (const auto &c : claims) {
+        auto &e = root.timeoutTable[c[0]];
+        e.inUse = 1;
+        e.tid = c[0] * 11;
+        e.pid = c[0] * 101;
+        e.startJiffies = c[1];
+        e.timeoutJiffies = c[2];
+    }
+    auto prev = tovi::schedwork::set_dump_hook([](uint32_t tid) { g_dumped.push_back(tid); });
+    // All stuck: 64 in progress, none started for over 44999 jiffies. {started, finished, now, verdict, lastCheck}
+    const uint64_t steps[][5] = {
         {100, 36, 1000, 0, 1000},    // first call: remembers
         {100, 36, 45999, 0, 1000},   // 64 in progress, 44999 jiffies: not yet
         {100, 36, 46000, 1, 1000},   // more than 44999: all stuck, kept
@@ -189,234 +149,108 @@ TEST(SchedWork, AllStuckDetectorNeedsSixtyFourHandlersAndNoStartFor45000Jiffies)
         {101, 38, 99999, 0, 99999},  // 63 in progress: never stuck
         {101, 37, 145000, 1, 99999}, // 64 again and 45001 jiffies later
     };
-    int stuckCalls = 0;
-    for (const Step &s : steps) {
-        p.r->startedCount = s.started;
-        p.r->finishedCount = s.finished;
-        EXPECT_EQ(tovi::schedwork::all_work_timeout(*p.r, s.now), s.expected) << s.now;
-        EXPECT_EQ(p.r->lastCheck, s.lastCheckAfter) << s.now;
-        stuckCalls += s.expected;
+    for (const auto &st : steps) {
+        root.startedCount = st[0];
+        root.finishedCount = st[1];
+        EXPECT_EQ(tovi::schedwork::all_work_timeout(root, st[2]), static_cast<int32_t>(st[3])) << st[2];
+        EXPECT_EQ(root.lastCheck, st[4]) << st[2];
     }
-    // Each stuck report logs and dumps the first four workers in use.
-    std::vector<std::string> expected;
-    std::vector<uint32_t> tids;
-    for (int call = 0; call < stuckCalls; ++call)
-        for (uint32_t i = 0; i < 4; ++i) {
-            expected.push_back(fmt("sched work timeout: tid %u, pid %u. ", 100 + i, 200 + i));
-            tids.push_back(100 + i);
-        }
+    Texts expected;  // each of the two reports logs and dumps the first four workers in use
+    for (size_t i = 0; i < 8; ++i)
+        expected.push_back(fmt("sched work timeout: tid %u, pid %u. ", claims[i % 4][0] * 11, claims[i % 4][0] * 101));
     EXPECT_EQ(cap.texts(3), expected);
-    EXPECT_EQ(g_dumped, tids);
-    for (const auto &r : cap.records())  // workers of earlier tests may still say hello at level 7
-        EXPECT_TRUE(r.level != 3 || r.func == "tovi_dump_partial_sched_work_thread") << r.func;
+    EXPECT_EQ(g_dumped, (std::vector<uint32_t>{33, 77, 99, 220, 33, 77, 99, 220}));
 
-    // The heal callback reports the same verdict in the framework's word.
-    uint32_t record[34] = {};
-    tovi::schedwork::heal_check(*p.r, record, 200000);
-    EXPECT_EQ(record[32], 0u) << "stuck";
-    p.r->startedCount += 1;
-    tovi::schedwork::heal_check(*p.r, record, 200001);
-    EXPECT_EQ(record[32], 1u);
-    tovi::schedwork::set_dump_hook(prev);
-}
-
-TEST(SchedWork, OverrunCheckReportsTheFirstOverrunningWorkerOnly)
-{
-    LogCapture cap;
-    PrivateRoot p;
-    p.claim(3, 33, 303);
-    p.claim(7, 77, 707);
-    p.claim(9, 99, 909);
-    auto prev = tovi::schedwork::set_dump_hook(record_dump);
-    g_dumped.clear();
-    auto watch = [&](uint32_t i, uint64_t start, uint32_t limit) {
-        p.r->timeoutTable[i].startJiffies = start;
-        p.r->timeoutTable[i].timeoutJiffies = limit;
-    };
-    watch(3, 1000, 3750);  // 15 s from jiffy 1000
-    watch(7, 900, 100);
-    watch(9, 0, 1);        // nothing being watched
-    struct Case {
-        uint64_t now;
-        int expected;
-        std::string message;
-    };
-    const Case cases[] = {
+    g_dumped.clear();  // overrun: only the first worker found past its limit is reported
+    const struct { uint64_t now; int32_t verdict; std::string message; } cases[] = {
         {1000, 0, ""},
         {1000 + 3750, 1, "sched work timeout: tid 77, pid 707."},  // entry 7 is past, 3 is exactly at
-        {1000 + 3751, 1, "sched work timeout: tid 33, pid 303."},  // the first one found wins
+        {1000 + 3751, 1, "sched work timeout: tid 33, pid 303."},  // both past: the first one found
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         cap.clear();
-        EXPECT_EQ(tovi::schedwork::timeout_check(*p.r, c.now), c.expected) << c.now;
-        EXPECT_EQ(cap.texts(4), c.message.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.message});
-        if (c.now == 1000 + 3750)
-            watch(7, 0, 0);  // that handler ended
+        EXPECT_EQ(tovi::schedwork::timeout_check(root, c.now), c.verdict) << c.now;
+        EXPECT_EQ(cap.texts(4), c.message.empty() ? Texts{} : Texts{c.message});
     }
     EXPECT_EQ(g_dumped, (std::vector<uint32_t>{77, 33}));
+    uint32_t stuck[34] = {}, healthy[34] = {};  // the heal verdict in the framework's word
+    tovi::schedwork::heal_check(root, stuck, 200000);
+    root.startedCount += 1;
+    tovi::schedwork::heal_check(root, healthy, 200001);
+    EXPECT_EQ(std::pair(stuck[32], healthy[32]), std::pair(0u, 1u));
     tovi::schedwork::set_dump_hook(prev);
 }
 
-// ---- Idle limits from the library's settings ----
-
-TEST(SchedWork, SettingsCanOnlyLowerTheIdleLimits)
-{
-    ASSERT_EQ(sched_work_init(), 0);
-    struct Case {
-        const char *min, *max;  // NULL: item missing
-        uint32_t expectMin, expectMax;
-    };
-    const Case cases[] = {
-        {"6", nullptr, 4, 8},   // capped at the defaults
-        {"2", "3", 2, 3},
-        {"3", "2", 2, 3},       // max below min: the previous limits stay
-        {nullptr, "5", 4, 5},   // a missing item takes its default
-        {"0x2", "0X6", 2, 6},   // hexadecimal text
-        {"12", "40", 4, 8},
-        {"5", "1", 4, 8},       // refused again: still the previous
-        {nullptr, nullptr, 4, 8},
-    };
-    for (const Case &c : cases) {
-        std::string text = "[TOVI]\n";
-        if (c.min != nullptr)
-            text += std::string("SCHED_THREAD_FREE_NUM_MIN=") + c.min + "\n";
-        if (c.max != nullptr)
-            text += std::string("SCHED_THREAD_FREE_NUM_MAX=") + c.max + "\n";
-        char path[] = "/tmp/tovi_schedwork_XXXXXX";
-        const int fd = mkstemp(path);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-        close(fd);
-        ASSERT_EQ(tovi_cfg_init_ex(path), 0);
-        sched_work_thread_num_set();
-        tovi_cfg_destroy_ex(path);
-        unlink(path);
-        const auto s = stats();
-        EXPECT_EQ(s.freeNumMin, c.expectMin) << text;
-        EXPECT_EQ(s.freeNumMax, c.expectMax) << text;
-    }
-
-    // The settings file itself can be named in the environment.
-    ASSERT_EQ(setenv(TOVI_CFG_LIBRARY_FILE_ENV, "/tmp/elsewhere.ini", 1), 0);
-    EXPECT_STREQ(tovi::cfg::library_file(), "/tmp/elsewhere.ini");
-    ASSERT_EQ(setenv(TOVI_CFG_LIBRARY_FILE_ENV, "", 1), 0);
-    EXPECT_STREQ(tovi::cfg::library_file(), TOVI_CFG_LIBRARY_FILE);
-    unsetenv(TOVI_CFG_LIBRARY_FILE_ENV);
-}
-
-// ---- The real pool ----
-
-// Counts its runs; queues itself again until it has run `requeue` times.
-struct Counted {
-    tovi_sched_work work;
-    int requeue = 1;
-    std::atomic<int> runs{0};
-};
-std::atomic<int> g_runs{0};
-
+// Counts runs per work number (pData; 0 queues itself until it ran 3 times), notes a watched one's limit.
+std::atomic<int> g_runs[24], g_total{0};
+std::atomic<uint64_t> g_seenLimit{0};
 void count_run(tovi_sched_work *w)
 {
-    auto *c = static_cast<Counted *>(w->pData);
-    const int want = c->requeue;  // the record may be gone once `runs` says done
-    g_runs.fetch_add(1);
-    if (c->runs.fetch_add(1) + 1 < want) {
-        EXPECT_EQ(tovi_sched_add_work(w), 0) << "a handler may queue its own work again";
-    }
-}
-
-// Where the worker running this handler has its time-out entry.
-std::atomic<uint64_t> g_seenLimit{0};
-void watched(tovi_sched_work *w)
-{
     for (auto &e : tovi::schedwork::root().timeoutTable)
-        if (__atomic_load_n(&e.startJiffies, __ATOMIC_RELAXED) != 0 &&
+        if (w->timeout != 0 && __atomic_load_n(&e.startJiffies, __ATOMIC_RELAXED) != 0 &&
             __atomic_load_n(&e.pid, __ATOMIC_RELAXED) == static_cast<uint32_t>(w->pid))
             g_seenLimit.store(__atomic_load_n(&e.timeoutJiffies, __ATOMIC_RELAXED));
+    const auto i = reinterpret_cast<uintptr_t>(w->pData);
+    if (g_runs[i].fetch_add(1) + 1 < (i == 0 ? 3 : 1)) {
+        EXPECT_EQ(tovi_sched_add_work(w), 0) << "a handler may queue its own work again";
+    }
+    ++g_total;
 }
 
 TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
 {
     LogCapture cap;
-    cap.set_threshold(7);
     ASSERT_EQ(sched_work_destroy(), 0);  // whatever earlier tests left
     ASSERT_EQ(sched_work_init(), 0);
-    // A fresh pool grows to the idle minimum.
-    ASSERT_TRUE(wait_for([] { return stats().threadsIdle == 4 && stats().threadsAlive == 4; }));
+    ASSERT_TRUE(pool_is(4, 4)) << "a fresh pool grows to the idle minimum";
 
-    // Works run, each once, with their data; a handler may requeue itself.
-    std::vector<Counted> recs(20);
-    for (auto &r : recs) {
-        r.requeue = &r == &recs[0] ? 3 : 1;
-        tovi_sched_init_work(&r.work, count_run, &r);
-        ASSERT_EQ(tovi_sched_add_work(&r.work), 0);
-    }
-    ASSERT_TRUE(wait_for([] { return g_runs.load() == 22; }));
-    for (auto &r : recs) {
-        EXPECT_EQ(r.runs.load(), r.requeue);
-        EXPECT_TRUE(idle_work(r.work));
-    }
+    std::vector<tovi_sched_work> works(21);  // each runs with its data; number 1 is watched for 15 s
+    for (uintptr_t i = 0; i < works.size(); ++i)
+        tovi_sched_init_work(&works[i], count_run, reinterpret_cast<void *>(i));
+    ASSERT_EQ(tovi_set_sched_work_timeout(&works[1], 15), 0);
+    for (size_t i = 0; i < 20; ++i)
+        ASSERT_EQ(tovi_sched_add_work(&works[i]), 0);
+    ASSERT_TRUE(wait_for([] { return g_total.load() == 22; }));
+    for (size_t i = 0; i < 20; ++i)
+        EXPECT_TRUE(g_runs[i].load() == (i == 0 ? 3 : 1) && idle_work(works[i])) << i;
+    EXPECT_EQ(g_seenLimit.load(), 15u * 250u) << "in jiffies";
 
-    // A watched work: its worker's entry holds 15 s in jiffies while it runs.
-    tovi_sched_work timed{};
-    tovi_sched_init_work(&timed, watched, nullptr);
-    ASSERT_EQ(tovi_set_sched_work_timeout(&timed, 15), 0);
-    ASSERT_EQ(tovi_sched_add_work(&timed), 0);
-    ASSERT_TRUE(wait_for([] { return g_seenLimit.load() != 0; }));
-    EXPECT_EQ(g_seenLimit.load(), 15u * 250u);
-
-    // Twelve held handlers: the pool grows to keep four idle, and shrinks
-    // back to the idle maximum when they end.
+    // Twelve held handlers: the pool grows to keep four idle, then shrinks to the idle maximum.
     ASSERT_TRUE(wait_for([] { return stats().threadsIdle == stats().threadsAlive; }));
     cap.clear();
-    g_gate = false;
-    g_ran = 0;
     std::vector<tovi_sched_work> held(12);
-    for (auto &w : held) {
-        tovi_sched_init_work(&w, gated, nullptr);
-        ASSERT_EQ(tovi_sched_add_work(&w), 0);
-    }
+    for (auto &w : held)
+        ASSERT_TRUE(queue(&w, gated));
     ASSERT_TRUE(wait_for([] { return g_ran.load() == 12; }));
-    ASSERT_TRUE(wait_for([] { return stats().threadsAlive == 16 && stats().threadsIdle == 4; }));
+    ASSERT_TRUE(pool_is(16, 4));
     g_gate = true;
-    ASSERT_TRUE(wait_for([] { return stats().threadsIdle == 8 && stats().threadsAlive == 8; }));
+    ASSERT_TRUE(pool_is(8, 8));
     EXPECT_TRUE(wait_for([&] { return cap.count("Sched work thread exited.") == 8; }));
 
-    // Seventy held handlers: at most 64 workers, the rest stays queued.
     g_gate = false;
     g_ran = 0;
     cap.clear();
-    // The 64th is taken by the one idle worker left, alone, and it reports.
-    std::vector<tovi_sched_work> many(70);
+    std::vector<tovi_sched_work> many(70);  // at most 64 run; the 64th, taken by the last idle one, reports
     for (size_t i = 0; i < many.size(); ++i) {
-        if (i == 63) {
-            ASSERT_TRUE(wait_for([] { return g_ran.load() == 63; }));
-        }
-        tovi_sched_init_work(&many[i], gated, nullptr);
-        ASSERT_EQ(tovi_sched_add_work(&many[i]), 0);
+        ASSERT_TRUE(i != 63 || wait_for([] { return g_ran.load() == 63; }));
+        ASSERT_TRUE(queue(&many[i], gated));
     }
     ASSERT_TRUE(wait_for([] { return g_ran.load() == 64; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(g_ran.load(), 64);
-    EXPECT_EQ(stats().threadsAlive, 64);
-    EXPECT_EQ(stats().threadsIdle, 0);
+    EXPECT_TRUE(stats().threadsAlive == 64 && stats().threadsIdle == 0);
     const size_t allRunning = cap.count("All tovi_sched_work threads is running.");
-    EXPECT_GE(allRunning, 1u);
-    EXPECT_LE(allRunning, 3u) << "rate limited";
+    EXPECT_TRUE(allRunning >= 1 && allRunning <= 3) << allRunning << " (rate limited)";
 
-    // Queued work: deleted once (-55 after), and not queued twice.
-    tovi_sched_work &last = many.back();
-    EXPECT_FALSE(idle_work(last));
-    EXPECT_EQ(tovi_sched_delete_work(&last), 0);
-    EXPECT_TRUE(idle_work(last));
-    EXPECT_EQ(tovi_sched_delete_work(&last), -55);
+    EXPECT_FALSE(idle_work(many[69]));
+    EXPECT_EQ(tovi_sched_delete_work(&many[69]), 0);
+    EXPECT_TRUE(idle_work(many[69]));
+    EXPECT_EQ(tovi_sched_delete_work(&many[69]), -55);
     cap.clear();
     EXPECT_NE(tovi_sched_add_work(&many[68]), 0);
-    EXPECT_EQ(cap.texts(3), std::vector<std::string>{fmt("Work in list is not initial, PID = (%d)", getpid())});
+    EXPECT_EQ(cap.texts(3), Texts{fmt("Work in list is not initial, PID = (%d)", getpid())});
 
-    // Destroy while 64 handlers run: the queued rest is dropped, the
-    // counters reset; the handlers finish, their workers leave on the new
-    // generation without counting, and the pool starts again.
-    cap.clear();
+    // Destroy while 64 run: the queued rest is dropped, the workers leave uncounted, the pool restarts.
     EXPECT_EQ(sched_work_destroy(), 0);
     EXPECT_EQ(sched_work_destroy(), 0) << "stopped already";
     EXPECT_TRUE(cap.contains("some sched work thread exited abnormally. totalThread = 64"));
@@ -430,36 +264,23 @@ TEST(SchedWork, PoolRunsWorkGrowsShrinksCapsAndSurvivesDestroy)
     ASSERT_TRUE(wait_for([&] { return stats().finished == finishedBefore + 64; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(g_ran.load(), 64) << "dropped work never runs";
-    EXPECT_EQ(stats().threadsAlive, 0);
-    EXPECT_EQ(stats().threadsIdle, 0);
-
+    EXPECT_TRUE(stats().threadsAlive == 0 && stats().threadsIdle == 0);
     ASSERT_EQ(sched_work_init(), 0);
-    ASSERT_TRUE(wait_for([] { return stats().threadsIdle == 4 && stats().threadsAlive == 4; }));
-    Counted again;
-    tovi_sched_init_work(&again.work, count_run, &again);
-    ASSERT_EQ(tovi_sched_add_work(&again.work), 0);
-    EXPECT_TRUE(wait_for([&] { return again.runs.load() == 1; }));
+    ASSERT_EQ(tovi_sched_add_work(&works[20]), 0);
+    EXPECT_TRUE(wait_for([&] { return g_runs[20].load() == 1; }));
 
-    // Work added while a destroy runs is logged and queued all the same
-    // (the destroy may drop it, or leave it for the next pool).
     std::thread stopper([] { sched_work_destroy(); });
     ASSERT_TRUE(wait_for([] { return stats().threadsAlive >= 1024; }));
-    static tovi_sched_work late;
-    tovi_sched_init_work(&late, noop, nullptr);
-    EXPECT_EQ(tovi_sched_add_work(&late), 0);
+    static tovi_sched_work late;  // added during a destroy: logged, queued all the same
+    EXPECT_TRUE(queue(&late, gated));
     stopper.join();
     EXPECT_TRUE(cap.contains("In destroying, adding v_pstWork failed."));
 
-    // Adding after a destroy starts the pool by itself.
-    ASSERT_EQ(tovi_sched_add_work(&again.work), 0);
-    EXPECT_TRUE(wait_for([&] { return again.runs.load() == 2; }));
+    ASSERT_EQ(tovi_sched_add_work(&works[20]), 0);
+    EXPECT_TRUE(wait_for([&] { return g_runs[20].load() == 2; })) << "adding after a destroy restarts the pool";
     const int32_t lateRc = tovi_sched_delete_work(&late);
     EXPECT_TRUE(lateRc == 0 || lateRc == -55) << lateRc;
-
-    const auto s = stats();
-    EXPECT_GT(s.waitSamples, 100u);
-    EXPECT_LE(s.waitP50Ns, s.waitP99Ns);
-    EXPECT_LE(s.waitP99Ns, s.waitMaxNs);
+    EXPECT_GT(stats().waitSamples, 100u);
 }
 
 }  // namespace
