@@ -88,13 +88,12 @@ TEST(BitopAtomic, OperationsFollowABitsetModel)
 
 TEST(BitopAtomic, ConcurrentUpdatesAreNeverLostAndEachBitHasOneWinner)
 {
-    // Each thread owns two bits of every byte and flips them back and forth:
-    // a non-atomic read-modify-write would drop another thread's change.
+    // Each thread flips two bits of every byte: a non-atomic read-modify-write
+    // would drop another thread's change. Then all race for every bit of `big`.
     constexpr unsigned kThreads = 4;
     uint8_t map[8] = {};
     std::vector<uint8_t> big(512, 0);
-    std::vector<int> errors(kThreads, 0);
-    std::vector<uint64_t> wins(kThreads, 0);
+    std::vector<uint64_t> errors(kThreads, 0), wins(kThreads, 0);
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
@@ -108,13 +107,12 @@ TEST(BitopAtomic, ConcurrentUpdatesAreNeverLostAndEachBitHasOneWinner)
                 }
             for (uint64_t byte = 0; byte < sizeof map; ++byte)
                 tovi_set_bit(byte * 8 + t, map);
-            // All threads race for every bit of `big`: one winner each.
             for (uint64_t i = 0; i < 4096; ++i)
                 wins[t] += tovi_test_and_set_bit((i * 7 + t * 1031) % 4096, big.data()) == 0;
         });
     for (auto &th : threads)
         th.join();
-    EXPECT_EQ(errors, std::vector<int>(kThreads, 0));
+    EXPECT_EQ(errors, std::vector<uint64_t>(kThreads, 0));
     for (uint8_t b : map)
         EXPECT_EQ(b, 0x0F);
     EXPECT_EQ(wins[0] + wins[1] + wins[2] + wins[3], 4096u);
@@ -165,14 +163,13 @@ TEST(BitopSearch, AgreesWithANaiveScanOnRandomBitmaps)
     const uint8_t ones[2] = {0xFF, 0xFF};
     uint64_t bit = 77;
     EXPECT_EQ(find_next_bit(ones, 16, 1u << 20), 16u);
-    EXPECT_EQ(tovi_bitop_findfirstsetbit(nullptr, 16, &bit) + tovi_bitop_findfirstsetbit(ones, 16, nullptr) +
-                  tovi_bitop_findfirstclrbit(nullptr, 16, &bit) + tovi_bitop_findnextsetbit(nullptr, 16, &bit) +
-                  tovi_bitop_findnextsetbit(ones, 16, nullptr),
-              0u);
-    EXPECT_EQ(bit, 77u);
+    EXPECT_EQ((std::vector<uint32_t>{tovi_bitop_findfirstsetbit(nullptr, 16, &bit), tovi_bitop_findfirstsetbit(ones, 16, nullptr),
+                                     tovi_bitop_findfirstclrbit(nullptr, 16, &bit), tovi_bitop_findnextsetbit(nullptr, 16, &bit),
+                                     tovi_bitop_findnextsetbit(ones, 16, nullptr), static_cast<uint32_t>(bit)}),
+              (std::vector<uint32_t>{0, 0, 0, 0, 0, 77}));
 }
 
-TEST(BitopHweight, CountsMatchPopcount)
+TEST(BitopWords, CountsReadsAndByteOrder)
 {
     std::mt19937_64 rng(3);
     for (int i = 0; i < 10000; ++i) {
@@ -181,12 +178,9 @@ TEST(BitopHweight, CountsMatchPopcount)
         auto v32 = static_cast<uint32_t>(i < 2 ? v : v >> 7);
         ASSERT_EQ(tovi_hweight32(v32), static_cast<uint32_t>(std::popcount(v32))) << std::hex << v32;
     }
-}
 
-TEST(BitopReadU64, ReadsOnlyTheBytesHoldingTheBits)
-{
-    // Exactly the bytes holding the bits asked for (nine past 64), so that the
-    // sanitizer sees any read past them.
+    // read_u64 gets exactly the bytes holding the bits asked for (nine past 64)
+    // so that the sanitizer sees any read past them.
     const uint64_t word = 0xF1E2D3C4B5A69788u;
     for (uint32_t n = 0; n <= 72; ++n) {
         size_t len = n > 64 ? 9 : std::max(1u, (n + 7) / 8);
@@ -196,10 +190,8 @@ TEST(BitopReadU64, ReadsOnlyTheBytesHoldingTheBits)
         EXPECT_EQ(tovi_bitop_read_u64(p.get(), n == 72 ? 1000 : n), expected) << n;
     }
     EXPECT_EQ(tovi_bitop_read_u64(nullptr, 12), 0u);
-}
 
-TEST(BitopEndian, LittleIsIdentityBigIsASwap)
-{
+    // Byte order: little is the identity here, big a swap.
     const uint64_t v = 0x0102030405060708u, swapped = 0x0807060504030201u;
     const std::pair<uint64_t, uint64_t> cases[] = {
         {tovi_endian_cputolittle64(v), v}, {tovi_endian_littletocpu64(v), v}, {tovi_endian_cputobig64(v), swapped},
@@ -276,15 +268,11 @@ TEST(Crc32c, PiecesChainAndNullLeavesTheCrc)
     EXPECT_EQ(tovi_crc32cEnd(tovi_crc32cContinue(crc, d.data() + 4001, 4999)), tovi_crc32c(d.data(), 9000));
     const uint32_t c = 0x12345678u;
     uint8_t dst[4] = {1, 2, 3, 4};
-    for (uint32_t (*f)(uint32_t, const void *, uint32_t) : {tovi_crc32cContinue, tovi_crc32cContinueHard,
-                                                            tovi_crc32cContinueSoft}) {
-        EXPECT_EQ(f(c, nullptr, 10), c);
-        EXPECT_EQ(f(c, kDigits, 0), c);
-    }
-    EXPECT_EQ(tovi_crc32cContinue_with_cpy(c, nullptr, 4, dst), c);
-    EXPECT_EQ(tovi_crc32cContinue_with_cpy(c, kDigits, 4, nullptr), c);
-    EXPECT_EQ(tovi_crc32cContinue_with_cpy(c, kDigits, 0, dst), c);
-    EXPECT_EQ(dst[0], 1);
+    for (auto f : {tovi_crc32cContinue, tovi_crc32cContinueHard, tovi_crc32cContinueSoft})
+        EXPECT_EQ(std::make_pair(f(c, nullptr, 10), f(c, kDigits, 0)), std::make_pair(c, c));
+    EXPECT_EQ((std::vector<uint32_t>{tovi_crc32cContinue_with_cpy(c, nullptr, 4, dst), tovi_crc32cContinue_with_cpy(c, kDigits, 4, nullptr),
+                                     tovi_crc32cContinue_with_cpy(c, kDigits, 0, dst), dst[0]}),
+              (std::vector<uint32_t>{c, c, c, 1}));
     EXPECT_EQ(tovi_crc32c_soft(nullptr, 10) + tovi_crc32c_soft(kDigits, 0) + tovi_crc32c(nullptr, 0), 0u);
     EXPECT_EQ(tovi_crc32cStart(nullptr, 5), 0xFFFFFFFFu);
 }
