@@ -34,15 +34,13 @@ namespace {
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string format(const char *fmt, ...)
 {
-    va_list ap;
+    va_list ap, again;
     va_start(ap, fmt);
-    int n = std::vsnprintf(nullptr, 0, fmt, ap);
+    va_copy(again, ap);
+    std::string out(static_cast<size_t>(std::vsnprintf(nullptr, 0, fmt, ap)), '\0');
+    std::vsnprintf(out.data(), out.size() + 1, fmt, again);  // its NUL goes where the string keeps one
+    va_end(again);
     va_end(ap);
-    std::string out(static_cast<size_t>(n) + 1, '\0');
-    va_start(ap, fmt);
-    std::vsnprintf(out.data(), out.size(), fmt, ap);
-    va_end(ap);
-    out.pop_back();
     return out;
 }
 
@@ -173,102 +171,82 @@ TEST_F(Cfg, LongLinesAreCutAtTheLineLimitAndLongValuesRefused)
     EXPECT_EQ(value_ex(p, "S", "e"), "5");
 }
 
-TEST_F(Cfg, LoadAndLookUpNewestFirstWithTheirFailures)
+// One life cycle of the loaded-file list: failed loads, lookups newest first,
+// setters that change only the cache, the uncached single-item read.
+TEST_F(Cfg, LoadLookUpSetAndReadWithTheirFailures)
 {
-    std::string older = path("older.ini"), newer = path("newer.ini"), missing = path("missing.ini");
+    std::string a = path("a.ini"), b = path("b.ini"), q = path("q.ini"), none = path("none.ini"), l(256, 'l');
     std::string long_path = "/" + std::string(255, 'p');
+    uint64_t before = cfg_bytes();
     LogCapture cap;
-    EXPECT_EQ((Rcs{tovi_cfg_init_ex(nullptr), tovi_cfg_init_ex(missing.c_str()), tovi_cfg_init(long_path.c_str())}),
-              Rcs(3, -1));
+    EXPECT_EQ((Rcs{tovi_cfg_init_ex(nullptr), tovi_cfg_init_ex(none.c_str()), tovi_cfg_init(long_path.c_str())}), Rcs(3, -1));
     EXPECT_EQ(cap.texts(), (Texts{"Input File is NULL pointer.",
-                                  format("Open file (%s) failed, fd -1 errno %d", missing.c_str(), ENOENT),
-                                  format("Parse config file %s failed.", missing.c_str()), "File name length too long.",
+                                  format("Open file (%s) failed, fd -1 errno %d", none.c_str(), ENOENT),
+                                  format("Parse config file %s failed.", none.c_str()), "File name length too long.",
                                   format("Parse config file %s failed.", long_path.c_str())}));
     EXPECT_EQ(std::make_tuple(cap.records()[0].level, cap.records()[1].level, cap.records()[2].level),
               std::make_tuple(6u, 3u, 7u));
 
-    write_file(older, "[S]\nk=old\nonly=o\n");
-    write_file(newer, "[S]\nk=new\n");
-    ASSERT_EQ(tovi_cfg_init(older.c_str()), 0);
-    ASSERT_EQ(tovi_cfg_init(newer.c_str()), 0);
+    write_file(a, "[S]\nk=a\nonly=o\n");
+    write_file(b, "[S]\nk=b\n");
+    ASSERT_EQ(tovi_cfg_init(a.c_str()), 0);
+    ASSERT_EQ(tovi_cfg_init(b.c_str()), 0);
     char buf[8];
-    EXPECT_EQ(tovi_cfg_getItemValue("S", "k", buf, 4), 0);  // "new" and its NUL
-    EXPECT_STREQ(buf, "new");
+    EXPECT_EQ(tovi_cfg_getItemValue("S", "k", buf, 2), 0);  // "b" and its NUL
+    EXPECT_STREQ(buf, "b");
     EXPECT_EQ(tovi_cfg_getItemValue("S", "only", buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "o");
-    EXPECT_EQ(tovi_cfg_getItemValue_ex(older.c_str(), "S", "k", buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "old");
     cap.clear();
-    EXPECT_EQ(tovi_cfg_getItemValue("S", "k", buf, 3), TOVI_CFG_ERR_BUFSIZE);
-    EXPECT_EQ(tovi_cfg_getItemValue_ex(older.c_str(), "S", "k", buf, 3), TOVI_CFG_ERR_BUFSIZE);
+    EXPECT_EQ(tovi_cfg_getItemValue("S", "k", buf, 1), TOVI_CFG_ERR_BUFSIZE);
+    EXPECT_EQ(tovi_cfg_getItemValue_ex(a.c_str(), "S", "k", buf, 1), TOVI_CFG_ERR_BUFSIZE);
     // A missing item or section is silent.
-    EXPECT_EQ((Rcs{tovi_cfg_getItemValue_ex(older.c_str(), "S", "nothing", buf, sizeof buf),
-                   tovi_cfg_getItemValue_ex(older.c_str(), "T", "k", buf, sizeof buf),
-                   tovi_cfg_getItemValue_ex(path("x.ini").c_str(), "S", "k", buf, sizeof buf),
-                   tovi_cfg_getItemValue_ex(older.c_str(), "S", "k", buf, 0),
+    EXPECT_EQ((Rcs{tovi_cfg_getItemValue_ex(a.c_str(), "S", "nothing", buf, sizeof buf),
+                   tovi_cfg_getItemValue_ex(a.c_str(), "T", "k", buf, sizeof buf),
+                   tovi_cfg_getItemValue_ex(none.c_str(), "S", "k", buf, sizeof buf), tovi_cfg_getItemValue_ex(a.c_str(), "S", "k", buf, 0),
                    tovi_cfg_getItemValue_ex(nullptr, "S", "k", buf, sizeof buf), tovi_cfg_getItemValue(nullptr, "k", buf, 8),
                    tovi_cfg_getItemValue("S", "k", nullptr, 8), tovi_cfg_getItemValue("S", "k", buf, 0)}),
               Rcs(8, -1));
     const std::string bad_ex = "Invalid SectionName or ItemName or ItemValuesize in getItemValue_ex.";
     const std::string bad = "Invalid SectionName or ItemName or ItemValuesize in getItemValue.";
-    EXPECT_EQ(cap.texts(), (Texts{"Invalid Buffer size, inputSize(3), actualSize(4).",
-                                  "Invalid Buffer size, inputSize(3), actualSize(4).",
-                                  format("Can not find file %s.", path("x.ini").c_str()), bad_ex, bad_ex, bad, bad, bad}));
+    EXPECT_EQ(cap.texts(), (Texts{"Invalid Buffer size, inputSize(1), actualSize(2).", "Invalid Buffer size, inputSize(1), actualSize(2).",
+                                  format("Can not find file %s.", none.c_str()), bad_ex, bad_ex, bad, bad, bad}));
     EXPECT_EQ(std::make_pair(cap.records()[0].level, cap.records()[5].level), std::make_pair(3u, 6u));
-}
 
-TEST_F(Cfg, SettersChangeOnlyTheCacheAndNeverCreate)
-{
-    std::string a = path("a.ini"), b = path("b.ini");
-    write_file(a, "[S]\nk=a\n");
-    write_file(b, "[S]\nk=b\n");
-    uint64_t before = cfg_bytes();
-    ASSERT_EQ(tovi_cfg_init(a.c_str()), 0);
-    ASSERT_EQ(tovi_cfg_init(b.c_str()), 0);
     EXPECT_EQ(tovi_cfg_setItemValue("S", "k", "B"), 0);  // the newest file only
-    EXPECT_EQ(loaded(a) + loaded(b), "[S]\nk=a\n[S]\nk=B\n");
+    EXPECT_EQ(loaded(a) + loaded(b), "[S]\nk=a\nonly=o\n[S]\nk=B\n");
     EXPECT_EQ(tovi_cfg_setItemValue_ex(a.c_str(), "S", "k", "A"), 0);
-    EXPECT_EQ(read_file(a), "[S]\nk=a\n");
-
-    LogCapture cap;
+    EXPECT_EQ(read_file(a), "[S]\nk=a\nonly=o\n");
+    cap.clear();
     EXPECT_EQ(tovi_cfg_setItemValue("S", "new", "x"), -1);  // silent
     EXPECT_TRUE(cap.texts().empty());
-    const char *k = "k", *x = "x";
-    EXPECT_EQ((Rcs{tovi_cfg_setItemValue_ex(a.c_str(), "S", "new", "x"),
-                   tovi_cfg_setItemValue_ex(path("c.ini").c_str(), "S", "k", "x"), tovi_cfg_setItemValue(nullptr, k, x),
-                   tovi_cfg_setItemValue("S", "k", std::string(TOVI_CFG_VALUE_MAX, 'v').c_str())}),
+    const char *s = "S", *k = "k", *x = "x";
+    EXPECT_EQ((Rcs{tovi_cfg_setItemValue_ex(a.c_str(), "S", "new", "x"), tovi_cfg_setItemValue_ex(none.c_str(), "S", "k", "x"),
+                   tovi_cfg_setItemValue(nullptr, k, x), tovi_cfg_setItemValue("S", "k", std::string(TOVI_CFG_VALUE_MAX, 'v').c_str())}),
               Rcs(4, -1));
     EXPECT_EQ(cap.texts(),
-              (Texts{format("Can not find item (new) in file (%s).", a.c_str()),
-                     format("Config file (%s) is no exist.", path("c.ini").c_str()),
+              (Texts{format("Can not find item (new) in file (%s).", a.c_str()), format("Config file (%s) is no exist.", none.c_str()),
                      format("Null pointer found, section:%p itemname:%p itemValue:%p", ptr(nullptr), ptr(k), ptr(x)),
                      "Item value length too long."}));
-    EXPECT_EQ(loaded(a) + loaded(b), "[S]\nk=A\n[S]\nk=B\n");
-    tovi_cfg_destroy();
-    EXPECT_EQ(cfg_bytes(), before);  // every value ever set went with its item
-}
+    EXPECT_EQ(loaded(a) + loaded(b), "[S]\nk=A\nonly=o\n[S]\nk=B\n");
 
-TEST_F(Cfg, GetItemFromFileParsesWithoutCachingAndStopsAtTheFirstMatch)
-{
-    std::string p = path("a.ini"), none = path("none.ini"), l(256, 'l');
-    write_file(p, "[S]\nk=first\nk=second\nlong=" + l + "\n");
+    // Reading one item from a file parses it without caching and stops at the first match.
+    write_file(q, "[S]\nk=first\nk=second\nlong=" + l + "\n");
     CfgItemResult result{};
-    uint64_t before = cfg_bytes();
-    LogCapture cap;
-    EXPECT_EQ(tovi_cfg_getItemFromFile(p.c_str(), "S", "k", &result), 0);
+    cap.clear();
+    EXPECT_EQ(tovi_cfg_getItemFromFile(q.c_str(), "S", "k", &result), 0);
     EXPECT_EQ(std::string(result.acItemName) + "=" + result.acItemValue, "k=first");
-    EXPECT_EQ(loaded(p), "<not loaded>");
-    const char *s = "S", *k = "k";
-    const std::string parsed = format("Parse config file %s sucess.", p.c_str());
-    EXPECT_EQ((Rcs{tovi_cfg_getItemFromFile(p.c_str(), "S", "none", &result),
-                   tovi_cfg_getItemFromFile(p.c_str(), "T", "k", &result), tovi_cfg_getItemFromFile(p.c_str(), "S", "long", &result),
-                   tovi_cfg_getItemFromFile(none.c_str(), "S", "k", &result), tovi_cfg_getItemFromFile(p.c_str(), s, k, nullptr)}),
+    EXPECT_EQ(loaded(q), "<not loaded>");
+    EXPECT_EQ((Rcs{tovi_cfg_getItemFromFile(q.c_str(), "S", "none", &result), tovi_cfg_getItemFromFile(q.c_str(), "T", "k", &result),
+                   tovi_cfg_getItemFromFile(q.c_str(), "S", "long", &result), tovi_cfg_getItemFromFile(none.c_str(), "S", "k", &result),
+                   tovi_cfg_getItemFromFile(q.c_str(), s, k, nullptr)}),
               Rcs(5, -1));
+    const std::string parsed = format("Parse config file %s sucess.", q.c_str());
     EXPECT_EQ(cap.texts(), (Texts{parsed, parsed, parsed, format("Copy item (long=%s) fail.", l.c_str()),
                                   format("Open file (%s) failed, fd -1 errno %d", none.c_str(), ENOENT),
                                   format("Null pointer found, pFile:%p, pSection:%p, pItemName:%p, pItemValue:%p.",
-                                         ptr(p.c_str()), ptr(s), ptr(k), ptr(nullptr))}));
-    EXPECT_EQ(cfg_bytes(), before);
+                                         ptr(q.c_str()), ptr(s), ptr(k), ptr(nullptr))}));
+    tovi_cfg_destroy();
+    EXPECT_EQ(cfg_bytes(), before);  // every value ever set went with its item
 }
 
 TEST_F(Cfg, FailedEditsLeaveTheFileAsItWas)
