@@ -139,7 +139,7 @@ TEST(Sched, WakeUpSignalEndsSleepsPromptlyAndIsNeverLost)
     }
 }
 
-TEST(SchedWait, PrepareQueuesAtTheFrontOnce)
+TEST(SchedWait, PrepareQueuesAtTheFrontOnceAndFinishWaitsForTheHead)
 {
     wait_queue_head_t head;
     __init_waitqueue_head(&head);
@@ -152,14 +152,22 @@ TEST(SchedWait, PrepareQueuesAtTheFrontOnce)
     EXPECT_EQ(head.task_list.next, &b.entry) << "newest first";
     a.waiting = 0;
     EXPECT_EQ(prepare_to_wait(&head, &a), 0);
-    EXPECT_EQ(a.waiting, 1u);
-    EXPECT_EQ(queued(&head), 2u) << "an entry already queued is only flagged again";
+    EXPECT_TRUE(a.waiting == 1 && queued(&head) == 2u) << "an entry already queued is only flagged again";
     finish_wait(&head, &a);
-    EXPECT_TRUE(a.waiting == 0 && a.entry.next == &a.entry);
-    EXPECT_EQ(queued(&head), 1u);
+    EXPECT_TRUE(a.waiting == 0 && a.entry.next == &a.entry && queued(&head) == 1u);
     finish_wait(&head, &a);  // on no queue: returns at once
-    finish_wait(&head, &b);
-    EXPECT_EQ(queued(&head), 0u);
+    // Taking b off waits for a waker holding the head to let go.
+    tovi_spinlock_lock(&head.lock.lock);
+    std::atomic<bool> finished{false};
+    std::thread t([&] {
+        finish_wait(&head, &b);
+        finished = true;
+    });
+    tovi_msleep(30);
+    EXPECT_FALSE(finished.load());
+    tovi_spinlock_unlock(&head.lock.lock);
+    t.join();
+    EXPECT_TRUE(queued(&head) == 0 && b.waiting == 0);
     __wake_up(&head);  // empty: only locks and unlocks
     EXPECT_EQ(head.lock.lock, 0u);
 }
@@ -193,24 +201,4 @@ TEST(SchedWait, WakeUpReleasesEveryWaiter)
     EXPECT_EQ(woken.load(), 3);
     EXPECT_LT(elapsed_ms(t), 2500.0);
     EXPECT_EQ(queued(&head), 0u);
-}
-
-TEST(SchedWait, FinishWaitWaitsForTheWakerToLetGoOfTheHead)
-{
-    wait_queue_head_t head;
-    __init_waitqueue_head(&head);
-    wait_queue_t w;
-    tovi_init_wait_entry(&w);
-    prepare_to_wait(&head, &w);
-    tovi_spinlock_lock(&head.lock.lock);  // a waker holds the head
-    std::atomic<bool> finished{false};
-    std::thread t([&] {
-        finish_wait(&head, &w);
-        finished = true;
-    });
-    tovi_msleep(30);
-    EXPECT_FALSE(finished.load());
-    tovi_spinlock_unlock(&head.lock.lock);
-    t.join();
-    EXPECT_TRUE(queued(&head) == 0 && w.waiting == 0);
 }
