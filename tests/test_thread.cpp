@@ -9,7 +9,6 @@
 #include <barrier>
 #include <functional>
 #include <future>
-#include <memory>
 #include <pthread.h>
 #include <sched.h>
 #include <set>
@@ -589,18 +588,17 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     EXPECT_EQ(cap.texts(3), (Texts{"Create OS thread pool 6, success 2.", "OS thread pool just allowed create once 3."}));
     // Six works occupy the six threads; a seventh finds none idle.
     std::atomic<bool> release{false};
-    std::vector<std::unique_ptr<PoolWork>> works;
+    std::vector<PoolWork> works(6);
     std::set<int32_t> tids;
-    for (int i = 0; i < 6; ++i) {
-        works.push_back(std::make_unique<PoolWork>());
-        works.back()->release = &release;
-        ASSERT_EQ(create_thread_from_thread_pool(pool_work, works.back().get(), nullptr), 0u);
+    for (auto &w : works) {
+        w.release = &release;
+        ASSERT_EQ(create_thread_from_thread_pool(pool_work, &w, nullptr), 0u);
     }
     EXPECT_EQ(create_thread_from_thread_pool(pool_work, &none, nullptr), TOVI_ERR);
     for (auto &w : works) {
-        ASSERT_TRUE(wait_for([&] { return w->tid.load() != 0; }));
-        tids.insert(w->tid.load());
-        EXPECT_EQ(w->seen, "OSThrdPoolRun1");
+        ASSERT_TRUE(wait_for([&] { return w.tid.load() != 0; }));
+        tids.insert(w.tid.load());
+        EXPECT_EQ(w.seen, "OSThrdPoolRun1");
     }
     EXPECT_TRUE(tids.size() == 6u && occurrences(listing(), " OSThrdPoolRun ") == 6u);
     // With every pool thread busy, non-preemptive work gets a raw thread.
