@@ -259,6 +259,7 @@ TEST(Registry, ThreadBeyondTheSlotsRunsUnlistedAndIsFreed)
     constexpr uint32_t kThreads = TOVI_THREAD_SLOTS + 1;
     static std::pair<tovi_thread_s *, int32_t> seen[kThreads];  // record, tid
     static std::barrier arrived(kThreads + 1), release(kThreads + 1);
+    static std::atomic<uint32_t> finished{0};  // the threads are detached: count them out
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, std::max<size_t>(PTHREAD_STACK_MIN, 128 * 1024));
@@ -266,11 +267,11 @@ TEST(Registry, ThreadBeyondTheSlotsRunsUnlistedAndIsFreed)
         seen[reinterpret_cast<uintptr_t>(p)] = {tovi_thrd_currentthreadinfo(), static_cast<int32_t>(gettid())};
         arrived.arrive_and_wait();
         release.arrive_and_wait();
+        finished.fetch_add(1);
         return nullptr;
     };
-    std::vector<pthread_t> ids(kThreads);
     for (uintptr_t i = 0; i < kThreads; ++i)
-        ASSERT_EQ(create_thread_raw_base(body, reinterpret_cast<void *>(i), nullptr, &ids[i], &attr), 0u) << i;
+        ASSERT_EQ(create_thread_raw_base(body, reinterpret_cast<void *>(i), nullptr, nullptr, &attr), 0u) << i;
     pthread_attr_destroy(&attr);
     arrived.arrive_and_wait();
     // Every thread runs with its own record; exactly one has no slot and is not found.
@@ -294,8 +295,7 @@ TEST(Registry, ThreadBeyondTheSlotsRunsUnlistedAndIsFreed)
     };
     const uint64_t during = usage();
     release.arrive_and_wait();
-    for (pthread_t id : ids)
-        pthread_join(id, nullptr);
+    ASSERT_TRUE(wait_for([] { return finished.load() == kThreads; }));
     ASSERT_TRUE(all_slots_free());
     // The record without slot is freed with its signal stack; the others stay with their slots.
     const uint64_t kRecordBytes = TOVI_THREAD_SIGSTACK_SIZE + sizeof(tovi_thread_s);
