@@ -24,6 +24,7 @@
 
 #include "tovi_cfg.h"
 #include "tovi_cfg.hpp"
+#include "tovi_fileops.hpp"
 #include "tovi_lock.h"
 #include "tovi_lock.hpp"
 #define TOVI_LOG_SOURCE "tovi_cfg"
@@ -103,20 +104,6 @@ bool sync_parent(const char *path)
     return ok;
 }
 
-bool write_all(int fd, const char *p, size_t n)
-{
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
 // After a rename whose directory flush failed: the file's former content
 // (still readable through `orig`, the replaced inode) goes back in place the
 // same way. False (logged) when that fails too.
@@ -136,7 +123,7 @@ bool put_back(int orig, const char *target)
             ok = n == 0;
             break;
         }
-        if (!write_all(fd, block, static_cast<size_t>(n))) {
+        if (!fileops::write_all(fd, block, static_cast<size_t>(n))) {
             ok = false;
             break;
         }
@@ -227,7 +214,7 @@ int32_t rewrite_in_place(int fd, const CfgWriteParam *p)
         TOVI_LOG(log::kError, "Reserve size (%u) of file (%d) fail,errno %d", p->bufIndex, fd, errno);
         return -1;
     }
-    if (lseek(fd, 0, SEEK_SET) != 0 || !write_all(fd, p->pBuffer, p->bufIndex)) {
+    if (lseek(fd, 0, SEEK_SET) != 0 || !fileops::write_all(fd, p->pBuffer, p->bufIndex)) {
         TOVI_LOG(log::kError, "Write error, iFd<%d> pFileParam->pBuffer<%p>, pFileParam->bufIndex<%u>", fd,
                  static_cast<void *>(p->pBuffer), p->bufIndex);
         return -1;
@@ -490,7 +477,7 @@ int32_t tovi_cfg_writeFnodeTofile(int32_t iFd, CfgFileNode *pNode)
     if (ftruncate(iFd, static_cast<off_t>(size)) != 0) {
         TOVI_LOG(log::kError, "Truncate file (%d) fail,errno %d", iFd, errno);
         ret = -1;
-    } else if (lseek(iFd, 0, SEEK_SET) != 0 || !cfg::write_all(iFd, text, size)) {
+    } else if (lseek(iFd, 0, SEEK_SET) != 0 || !fileops::write_all(iFd, text, size)) {
         TOVI_LOG(log::kError, "Wirte file (%d) fail,errno %d", iFd, errno);
         ret = -1;
     }

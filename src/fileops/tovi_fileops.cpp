@@ -13,6 +13,7 @@
 
 #define TOVI_LOG_SOURCE "tovi_fileops"
 #include "tovi_fileops.h"
+#include "tovi_fileops.hpp"
 #include "tovi_log.hpp"
 #include "tovi_thread.h"
 
@@ -49,20 +50,6 @@ ReaddirSlot *readdir_slot(int32_t tid)
     return nullptr;
 }
 
-bool write_all(int fd, const char *p, size_t n)
-{
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
 int lock_range(int fd, short type, const tovi_lock_req_s *req, bool wait)
 {
     struct flock fl {};
@@ -78,6 +65,24 @@ int lock_range(int fd, short type, const tovi_lock_req_s *req, bool wait)
 }
 
 }  // namespace
+
+namespace tovi::fileops {
+
+bool write_all(int fd, const char *p, size_t n)
+{
+    while (n > 0) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            return false;
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
+    return true;
+}
+
+}  // namespace tovi::fileops
 
 extern "C" {
 
@@ -210,7 +215,7 @@ int32_t tovi_copy(const char *pSrcFile, const char *pDestFile)
             TOVI_LOG(tovi::log::kError, "copydata read from srcFile=%s to destfile=%s error.", pSrcFile,
                      pDestFile);
             ret = -1;
-        } else if (!write_all(dst, buf, static_cast<size_t>(n))) {
+        } else if (!tovi::fileops::write_all(dst, buf, static_cast<size_t>(n))) {
             TOVI_LOG(tovi::log::kError, "copydata WRITE from srcFile=%s to destfile=%s error.", pSrcFile,
                      pDestFile);
             ret = -1;
