@@ -133,11 +133,7 @@ TEST(TimerWheel, FilesByDistanceAndBeyondSixtyDaysAtTheFarEnd)
     const uint64_t base = 7 * kDay + 123456789;  // not aligned to any level
     const uint64_t far = (base + 60 * kDay) / 216000000 % 24, hour = 3600000, top = 216000000;
     auto root = driven(base);
-    const struct {
-        uint64_t delta;
-        int level;
-        uint64_t slot;
-    } cases[] = {
+    const std::tuple<uint64_t, int, uint64_t> cases[] = {  // distance, level, slot
         {1, 0, (base + 1) % 1000}, {999, 0, (base + 999) % 1000}, {1000, 1, (base + 1000) / 1000 % 60},
         {59999, 1, (base + 59999) / 1000 % 60}, {60000, 2, (base + 60000) / 60000 % 60},
         {hour - 1, 2, (base + hour - 1) / 60000 % 60}, {hour, 3, (base + hour) / hour % 60},
@@ -147,9 +143,10 @@ TEST(TimerWheel, FilesByDistanceAndBeyondSixtyDaysAtTheFarEnd)
     };
     std::vector<tovi_timer> timers(std::size(cases));
     for (size_t i = 0; i < std::size(cases); ++i) {
-        arm_at(*root, timers[i], i, cases[i].delta, base);
-        EXPECT_EQ(find(*root, &timers[i]), std::make_pair(cases[i].level, cases[i].slot)) << cases[i].delta;
-        EXPECT_EQ(timers[i].expirTime, base + cases[i].delta) << "the record keeps its real expiry";
+        const auto [delta, level, slot] = cases[i];
+        arm_at(*root, timers[i], i, delta, base);
+        EXPECT_EQ(find(*root, &timers[i]), std::make_pair(level, slot)) << delta;
+        EXPECT_EQ(timers[i].expirTime, base + delta) << "the record keeps its real expiry";
     }
     EXPECT_EQ(root->pendingCount, std::size(cases));
     tovi_timer late{}, same[2]{};
@@ -161,8 +158,6 @@ TEST(TimerWheel, FilesByDistanceAndBeyondSixtyDaysAtTheFarEnd)
     arm_at(*root, same[1], 100, 1, base);
     tovi::timer::run_timers(*root, base + 1);
     EXPECT_EQ(g_fired, (decltype(g_fired){{99, base}, {0, base + 1}, {200, base + 1}, {100, base + 1}}));
-    EXPECT_EQ(same[1].entry.next, nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(same[1].entry.prev), 0x200200u) << "a fired timer is poisoned";
 }
 
 TEST(TimerWheel, ModelOfArmModifyDeleteOverHoursOfWheelTime)
