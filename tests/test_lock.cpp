@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdio>
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -71,12 +70,21 @@ constexpr uint32_t kMagic = 0xDEAD5EAD;
 // [1] the id, then the address and the text of each frame: [2] [3], [4] [5], [6] [7].
 std::vector<std::vector<std::string>> stack_lines(const LogCapture &cap)
 {
-    static const std::regex re(R"(current tid:(\d+), stack:(\S+)\((.*)\) << (\S+)\((.*)\) << (\S+)\((.*)\)\.)");
     std::vector<std::vector<std::string>> out;
-    std::smatch m;
-    for (const auto &r : cap.records())
-        if (r.raw && std::regex_match(r.text, m, re))
-            out.emplace_back(m.begin(), m.end());
+    for (const auto &r : cap.records()) {
+        const size_t at = r.text.find(", stack:");
+        if (!r.raw || r.text.rfind("current tid:", 0) != 0 || at == std::string::npos || r.text.back() != '.')
+            continue;
+        std::vector<std::string> l{r.text, r.text.substr(12, at - 12)};
+        std::string rest = r.text.substr(at + 8, r.text.size() - at - 9) + " << ";
+        for (size_t end; (end = rest.find(" << ")) != std::string::npos; rest.erase(0, end + 4)) {
+            const size_t open = rest.rfind('(', end);
+            l.push_back(rest.substr(0, open));
+            l.push_back(rest.substr(open + 1, end - open - 2));
+        }
+        if (l.size() == 8)
+            out.push_back(l);
+    }
     return out;
 }
 
