@@ -10,79 +10,7 @@
 #include "tovi_list.hpp"
 
 using namespace tovi::list;
-
-namespace {
-
-std::vector<int> values(const Node *head, const std::vector<Node> &nodes)
-{
-    std::vector<int> out;
-    for (const Node *n = head->next; n != head; n = n->next)
-        out.push_back(static_cast<int>(n - nodes.data()));
-    return out;
-}
-
-std::string text(const char *fmt, const void *a, const void *b, const void *c, const void *d, const void *e,
-                 const void *f)
-{
-    char buf[256];
-    std::snprintf(buf, sizeof buf, fmt, a, b, c, d, e, f);
-    return buf;
-}
-
-}  // namespace
-
-TEST(List, KeepsStackAndQueueOrderAndPoisonsRemovals)
-{
-    Node head;
-    init(&head);
-    EXPECT_TRUE(empty(&head));
-    std::vector<Node> nodes(4);
-    add_tail(&nodes[1], &head);
-    add_tail(&nodes[2], &head);
-    add(&nodes[0], &head);
-    add_tail(&nodes[3], &head);
-    EXPECT_EQ(values(&head, nodes), (std::vector<int>{0, 1, 2, 3}));
-    for (Node &n : nodes)
-        EXPECT_TRUE(check_links(&n));
-
-    del(&nodes[2]);
-    EXPECT_TRUE(poisoned(&nodes[2]));
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(nodes[2].next), 0x100100u);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(nodes[2].prev), 0x200200u);
-    EXPECT_EQ(values(&head, nodes), (std::vector<int>{0, 1, 3}));
-
-    Node other;
-    splice_init(&head, &other);
-    EXPECT_TRUE(empty(&head));
-    EXPECT_EQ(values(&other, nodes), (std::vector<int>{0, 1, 3}));
-    EXPECT_TRUE(check_links(&other));
-    splice_init(&head, &other);
-    EXPECT_TRUE(empty(&other));
-}
-
-TEST(List, ReportsEachNeighbourThatDoesNotPointBack)
-{
-    tovi::test::LogCapture cap;
-    Node head;
-    init(&head);
-    Node a, b, stray;
-    add_tail(&a, &head);
-    add_tail(&b, &head);
-    init(&stray);
-
-    a.next = &stray;  // a's forward link is broken: b no longer seen from a
-    EXPECT_FALSE(check_links(&b));
-    EXPECT_FALSE(check_links(&a));
-    std::vector<std::string> expected = {
-        text("Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)", &a, a.next, a.prev, &b, b.next,
-             b.prev),
-        text("Abnormal list node next:%p(%p,%p) is not point to cur:%p(%p,%p)", &stray, stray.next, stray.prev, &a,
-             a.next, a.prev),
-    };
-    EXPECT_EQ(cap.texts(3), expected);
-}
-
-// ---- records, atomic-store lists and the other checks ----
+using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -90,6 +18,23 @@ struct Rec {
     int value;
     Node link;
 };
+
+std::vector<int> values(Node *head)
+{
+    std::vector<int> out;
+    for (Node *n = head->next; n != head; n = n->next)
+        out.push_back(entry<Rec>(n, offsetof(Rec, link))->value);
+    return out;
+}
+
+std::string text(const char *fmt, const Node *a, const Node *b)
+{
+    char buf[256];
+    std::snprintf(buf, sizeof buf, fmt, a, a->next, a->prev, b, b->next, b->prev);
+    return buf;
+}
+
+const char kBadPrev[] = "Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)";
 
 std::vector<Node *> shown;
 void show(Node *n)
@@ -99,30 +44,36 @@ void show(Node *n)
 
 }  // namespace
 
-TEST(List, WalksRecordsWhileTheBodyUnlinksItsOwn)
+TEST(List, KeepsOrderPoisonsRemovalsAndWalksWhileTheBodyUnlinks)
 {
-    Node head;
-    Release::init(&head);
-    Rec recs[4] = {{0, {}}, {1, {}}, {2, {}}, {3, {}}};
-    for (Rec &r : recs)
-        Relaxed::add_tail(&r.link, &head);
+    Node head, other;
+    init(&head);
+    Rec r[4] = {{0, {}}, {1, {}}, {2, {}}, {3, {}}};
+    add_tail(&r[1].link, &head);
+    add_tail(&r[2].link, &head);
+    add(&r[0].link, &head);
+    add_tail(&r[3].link, &head);
+    EXPECT_EQ(values(&head), (std::vector<int>{0, 1, 2, 3}));
+    del(&r[2].link);
+    EXPECT_TRUE(poisoned(&r[2].link));
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(r[2].link.next) << 32 | reinterpret_cast<uintptr_t>(r[2].link.prev),
+              0x0010010000200200u);
+    Relaxed::add_tail(&r[2].link, &head);
     std::vector<int> seen;
-    for (Rec *r : for_each_entry<Rec>(&head, offsetof(Rec, link))) {
-        seen.push_back(r->value);
-        if (r->value % 2 == 0)
-            Release::del_init(&r->link);
+    for (Rec *p : for_each_entry<Rec>(&head, offsetof(Rec, link))) {
+        seen.push_back(p->value);
+        if (p->value % 2 == 0)
+            Release::del_init(&p->link);
     }
-    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3}));
-    EXPECT_EQ(recs[0].link.next, &recs[0].link);  // self-linked, not poisoned
-    Node moved;
-    Relaxed::splice_init(&head, &moved);
-    EXPECT_TRUE(empty(&head));
-    EXPECT_EQ(entry<Rec>(moved.next, offsetof(Rec, link))->value, 1);
-    EXPECT_EQ(entry<Rec>(moved.prev, offsetof(Rec, link))->value, 3);
-    EXPECT_TRUE(check_links(&moved));
+    EXPECT_EQ(seen, (std::vector<int>{0, 1, 3, 2}));
+    EXPECT_EQ(r[0].link.next, &r[0].link) << "self-linked, not poisoned";
+    Relaxed::splice_init(&head, &other);
+    EXPECT_TRUE(empty(&head) && check_links(&other) && values(&other) == (std::vector<int>{1, 3}));
+    splice_init(&head, &other);
+    EXPECT_TRUE(empty(&other)) << "the target takes the source's contents, none";
 }
 
-TEST(List, UnlinkAndWalkChecksReportAndShowTheNodes)
+TEST(List, ChecksReportEachBrokenLinkWordForWord)
 {
     tovi::test::LogCapture cap;
     Node head, a, b, stray;
@@ -130,22 +81,22 @@ TEST(List, UnlinkAndWalkChecksReportAndShowTheNodes)
     add_tail(&a, &head);
     add_tail(&b, &head);
     init(&stray);
-    shown.clear();
+    a.next = &stray;  // b is no longer seen from a
+    EXPECT_FALSE(check_links(&b) || check_links(&a));
+    Texts want = {text(kBadPrev, &a, &b),
+                  text("Abnormal list node next:%p(%p,%p) is not point to cur:%p(%p,%p)", &stray, &a)};
+    a.next = &b;
     b.prev = &stray;  // b claims the wrong predecessor
     EXPECT_FALSE(check_unlink(&b, show));
-    EXPECT_EQ(shown, (std::vector<Node *>{&stray, &b}));
-    const std::string bad_prev = text("Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)", &stray,
-                                      stray.next, stray.prev, &b, b.next, b.prev);
+    want.push_back(text(kBadPrev, &stray, &b));
     EXPECT_FALSE(check_step(&b, &a));
+    want.push_back(text("Abnormal list node cur:%p(%p,%p), is not point to last:%p", &b, &a));
     poison(&stray);
     EXPECT_FALSE(check_unlink(&stray, show));  // prev leads nowhere; next is not followed
-    char walk[128], unlinked[128];
-    std::snprintf(walk, sizeof walk, "Abnormal list node cur:%p(%p,%p), is not point to last:%p",
-                  static_cast<void *>(&b), static_cast<void *>(b.next), static_cast<void *>(b.prev),
-                  static_cast<void *>(&a));
+    EXPECT_EQ(cap.texts(3), want);
+    char unlinked[64];
     std::snprintf(unlinked, sizeof unlinked, "List node prev:(%p), cur:(%p)", static_cast<void *>(stray.prev),
                   static_cast<void *>(&stray));
-    EXPECT_EQ(cap.texts(3), (std::vector<std::string>{bad_prev, walk}));
-    EXPECT_EQ(cap.texts(6), (std::vector<std::string>{unlinked}));
-    EXPECT_EQ(shown.size(), 2u);
+    EXPECT_EQ(cap.texts(6), Texts{unlinked});
+    EXPECT_EQ(shown, (std::vector<Node *>{&stray, &b})) << "only the first failure shows its nodes";
 }

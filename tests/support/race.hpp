@@ -33,10 +33,10 @@ public:
             std::this_thread::yield();
     }
     bool more(int round) const { return round < kMinRounds || !stop_.load(std::memory_order_relaxed); }
-    void run()
+    void run(std::chrono::milliseconds how_long = std::chrono::milliseconds(40))
     {
         go_ = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        std::this_thread::sleep_for(how_long);
         stop_ = true;
     }
 
