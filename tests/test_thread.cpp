@@ -35,10 +35,7 @@ namespace {
 // Every thread of earlier tests has given its slot back.
 bool all_slots_free() { return wait_for([] { return tovi::thrd::free_slots() == TOVI_THREAD_SLOTS; }); }
 
-struct Task {
-    std::function<void()> body;
-    std::promise<void> done;
-};
+struct Task { std::function<void()> body; std::promise<void> done; };
 void *run_task(void *arg) { return static_cast<Task *>(arg)->body(), static_cast<Task *>(arg)->done.set_value(), nullptr; }
 
 using Creator = uint32_t (*)(tovi_thread_fn, void *, pthread_t *);
@@ -66,12 +63,7 @@ int nice_now() { return getpriority(PRIO_PROCESS, 0); }
 // The suite may itself run under nice: "unchanged" means the value it started with.
 const int start_nice = nice_now();
 
-std::string listing()
-{
-    testing::internal::CaptureStdout();
-    tovi_thrd_list();
-    return testing::internal::GetCapturedStdout();
-}
+std::string listing() { return testing::internal::CaptureStdout(), tovi_thrd_list(), testing::internal::GetCapturedStdout(); }
 
 std::string row(int32_t tid, const char *name, int preempt, int strategy) { return fmt("%5d %-18s %-11d %-8d\n", tid, name, preempt, strategy); }
 
@@ -101,8 +93,7 @@ std::vector<int> affinity_of_caller()
 void invalidate_strategies()
 {
     tovi_thread_strategy_s none{0, ""};  // a list that does not parse invalidates the entry
-    for (uint32_t i = 0; i < TOVI_THREAD_STRATEGIES; ++i)
-        tovi_initThreadStrategy(i, &none);
+    for (uint32_t i = 0; i < TOVI_THREAD_STRATEGIES; ++i) tovi_initThreadStrategy(i, &none);
 }
 
 // One stack lookup with everything it reports.
@@ -158,23 +149,19 @@ TEST(Registry, RawThreadCarriesItsRecordAndStacks)
                   EXPECT_EQ(ss.ss_sp, rec->sig_stack) << "handlers run on the record's signal stack";
                   frame.store(here()), tid.store(gettid());
                   wait_open(finish);
-              },
-              {}};
+              }, {}};
     auto done = start(task, create_thread_raw, &id);
     ASSERT_TRUE(wait_for([&] { return tid.load() != 0; }));
     // Another thread finds it by kernel tid, with a reference.
     tovi_thread_s *rec = tovi_thrd_getthreadinfobytid(tid.load());
-    ASSERT_NE(rec, nullptr);
-    EXPECT_TRUE(pthread_equal(rec->pthread_id, id));
+    ASSERT_TRUE(rec != nullptr && pthread_equal(rec->pthread_id, id));
     EXPECT_EQ(__atomic_load_n(&rec->slot->refs, __ATOMIC_RELAXED), 2u);
     EXPECT_STREQ(Stack(tid.load(), frame.load()).desc, "OS_STACK");
     uint64_t start = 0, end = 0;
     EXPECT_TRUE(tovi_thrd_getosstack(tid.load(), &start, &end) == 0u && start == rec->os_stack_low &&
                 end == rec->os_stack_high);
-    tovi_thrd_putthreadinfo(rec);
-    EXPECT_EQ(__atomic_load_n(&rec->slot->refs, __ATOMIC_RELAXED), 1u);
-    finish = true;
-    done.wait();
+    EXPECT_EQ((tovi_thrd_putthreadinfo(rec), __atomic_load_n(&rec->slot->refs, __ATOMIC_RELAXED)), 1u);
+    finish = true, done.wait();
     // Once ended it is no longer found and its slot is free again.
     ASSERT_TRUE(all_slots_free());
     EXPECT_STREQ(Stack(tid.load(), frame.load()).desc, "UNKNOWN_STACK");
@@ -242,10 +229,8 @@ TEST(Registry, ThreadBeyondTheSlotsRunsUnlistedAndIsFreed)
     pthread_attr_setstacksize(&attr, std::max<size_t>(PTHREAD_STACK_MIN, 128 * 1024));
     auto body = [](void *p) -> void * {
         seen[reinterpret_cast<uintptr_t>(p)] = {tovi_thrd_currentthreadinfo(), static_cast<int32_t>(gettid())};
-        arrived.arrive_and_wait();
-        release.arrive_and_wait();
-        finished.fetch_add(1);
-        return nullptr;
+        arrived.arrive_and_wait(), release.arrive_and_wait();
+        return finished.fetch_add(1), nullptr;
     };
     for (uintptr_t i = 0; i < kThreads; ++i)
         ASSERT_EQ(create_thread_raw_base(body, reinterpret_cast<void *>(i), nullptr, nullptr, &attr), 0u) << i;
@@ -270,11 +255,10 @@ TEST(Registry, ThreadBeyondTheSlotsRunsUnlistedAndIsFreed)
     };
     const uint64_t during = usage();
     release.arrive_and_wait();
-    ASSERT_TRUE(wait_for([] { return finished.load() == kThreads; }));
-    ASSERT_TRUE(all_slots_free());
+    ASSERT_TRUE(wait_for([] { return finished.load() == kThreads; }) && all_slots_free());
     // The record without slot is freed with its signal stack; the others stay with their slots.
-    const uint64_t kRecordBytes = TOVI_THREAD_SIGSTACK_SIZE + sizeof(tovi_thread_s);
-    EXPECT_TRUE(wait_for([&] { return usage() == during - kRecordBytes; })) << during << " " << usage();
+    EXPECT_TRUE(wait_for([&] { return usage() == during - TOVI_THREAD_SIGSTACK_SIZE - sizeof(tovi_thread_s); }))
+        << during << " " << usage();
     EXPECT_TRUE(cap.texts().empty());
 }
 
@@ -299,8 +283,7 @@ TEST(Ids, CachedIdsProcessNamesCoreAndNuma)
     EXPECT_TRUE(tovi_thrd_setpid_accl() == 0u && ids_ok());
     std::thread([] {
         EXPECT_EQ(tovi_thrd_gettid_accl(), gettid());
-        tovi_thrd_settid_accl();
-        EXPECT_EQ(tovi_thread_get_knl_tid(), gettid());
+        EXPECT_EQ((tovi_thrd_settid_accl(), tovi_thread_get_knl_tid()), gettid());
     }).join();
     EXPECT_EQ(tovi::test::run_in_child([&] { return ids_ok() ? 0 : 1; }), 0) << "the cached ids follow a fork";
     char name[32] = {}, exe[TOVI_PROCESS_EXE_LEN] = {}, link[4096] = {};
@@ -313,8 +296,7 @@ TEST(Ids, CachedIdsProcessNamesCoreAndNuma)
     on_tovi_thread([allowed] {
         tovi_thread_s *rec = tovi_thrd_currentthreadinfo();
         EXPECT_LT(static_cast<uint32_t>(smp_processor_id()), sysconf(_SC_NPROCESSORS_CONF));
-        tovi_thrd_core_set(5);
-        tovi_thrd_numaId_set(1);
+        tovi_thrd_core_set(5), tovi_thrd_numaId_set(1);
         EXPECT_TRUE(smp_processor_id() == 5 && rec->bind_cpu == 5u && rec->numa_id == 1u);
         ASSERT_EQ(tovi_sched_setaffinity(static_cast<uint64_t>(allowed)), 0u);
         EXPECT_TRUE(smp_processor_id() == allowed && rec->bind_cpu == static_cast<uint64_t>(allowed));
@@ -384,17 +366,13 @@ TEST(Strategy, BadNumbersAndCpuListsLeaveEntriesInvalid)
     LogCapture cap;
     // A valid entry would raise the nice value: seeing it unchanged shows nothing was applied.
     tovi_thread_strategy_s good{start_nice + 2, "0"}, bad{3, "x"}, none{3, nullptr}, a{-5, "0-1,3,8-9"}, b{19, "1000"};
-    EXPECT_EQ(tovi_initThreadStrategy(6, &good), TOVI_ERR);
-    ASSERT_EQ(tovi_initThreadStrategy(2, &good), 0u);
-    EXPECT_EQ(tovi_initThreadStrategy(2, &bad), TOVI_ERR);
-    EXPECT_EQ(tovi_initThreadStrategy(2, &none), TOVI_ERR);
+    ASSERT_TRUE(tovi_initThreadStrategy(6, &good) == TOVI_ERR && tovi_initThreadStrategy(2, &good) == 0u);
+    EXPECT_TRUE(tovi_initThreadStrategy(2, &bad) == TOVI_ERR && tovi_initThreadStrategy(2, &none) == TOVI_ERR);
     on_tovi_thread([] {
         const std::vector<int> before = affinity_of_caller();
-        EXPECT_EQ(tovi_setCurThreadStrategy(7), 0u);
-        EXPECT_EQ(tovi_setCurThreadStrategy(2), 0u);
-        EXPECT_EQ(affinity_of_caller(), before);
+        EXPECT_TRUE(tovi_setCurThreadStrategy(7) == 0u && tovi_setCurThreadStrategy(2) == 0u);
+        EXPECT_TRUE(affinity_of_caller() == before && tovi_thrd_currentthreadinfo()->strategy == 0u);
         EXPECT_EQ(nice_now(), start_nice);
-        EXPECT_EQ(tovi_thrd_currentthreadinfo()->strategy, 0u);
     });
     EXPECT_EQ(cap.texts(6), (Texts{"Invalid thread strategy 6.", "Parse cpu mask fail, invalid format:x",
                                    "Invalid cpu mask info:x.", "Invalid cpu mask info:NULL.",
@@ -416,10 +394,8 @@ TEST(Strategy, PriorityLevelsAndBindingApplyToTheCallerOnly)
     on_tovi_thread([&cap, cpu] {
         // {level, nice after}: a level past the table changes nothing.
         const int table[][2] = {{5, start_nice}, {3, 10}, {4, 15}, {99, 15}};
-        for (const auto &[level, nice] : table) {
-            tovi_thrd_setprio(static_cast<uint32_t>(level));
-            EXPECT_EQ(nice_now(), nice) << "level " << level;
-        }
+        for (const auto &[level, nice] : table)
+            EXPECT_EQ((tovi_thrd_setprio(static_cast<uint32_t>(level)), nice_now()), nice) << "level " << level;
         EXPECT_TRUE(tovi_setCurThreadPrio(12) == 0u && nice_now() == 12);
         const bool may_raise = setpriority(PRIO_PROCESS, 0, 11) == 0;  // lowering nice needs the privilege
         tovi_thrd_setprio(0);
@@ -457,8 +433,7 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     // A quarter of the pool is started here, the rest by one starter thread.
     EXPECT_EQ(tovi_thread_pool_create(6), 2u);
     ASSERT_TRUE(wait_for([] { return idle_pool_threads() == 6; }));
-    EXPECT_EQ(tovi_thread_pool_create(3), 0u);
-    EXPECT_EQ(cap.texts(3), (Texts{"Create OS thread pool 6, success 2.", "OS thread pool just allowed create once 3."}));
+    EXPECT_TRUE(tovi_thread_pool_create(3) == 0u && cap.texts(3) == (Texts{"Create OS thread pool 6, success 2.", "OS thread pool just allowed create once 3."})) << cap.texts(3).size();
     // Six works occupy the six threads; a seventh finds none idle.
     std::atomic<bool> release{false};
     std::vector<PoolWork> works(6);
@@ -476,14 +451,12 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     EXPECT_TRUE(tids.size() == 6u && occurrences(listing(), " OSThrdPoolRun ") == 6u);
     // With every pool thread busy, non-preemptive work gets a raw thread.
     PoolWork fallback, pooled, last;
-    ASSERT_EQ(create_thread_nopreempt_raw(pool_work, &fallback, nullptr), 0u);
-    ASSERT_TRUE(wait_for([&] { return fallback.done.load(); }));
+    ASSERT_TRUE(create_thread_nopreempt_raw(pool_work, &fallback, nullptr) == 0u && wait_for([&] { return fallback.done.load(); }));
     EXPECT_TRUE(tids.count(fallback.tid.load()) == 0u && fallback.seen == "[NULL]1") << fallback.seen;
     release = true;
     // Once idle again the pool serves non-preemptive work too.
     ASSERT_TRUE(wait_for([] { return idle_pool_threads() == 6; }));
-    ASSERT_EQ(create_thread_nopreempt_raw(pool_work, &pooled, nullptr), 0u);
-    ASSERT_TRUE(wait_for([&] { return pooled.done.load(); }));
+    ASSERT_TRUE(create_thread_nopreempt_raw(pool_work, &pooled, nullptr) == 0u && wait_for([&] { return pooled.done.load(); }));
     EXPECT_TRUE(tids.count(pooled.tid.load()) == 1u && pooled.seen == "OSThrdPoolRun1") << pooled.seen;
     // Work handed right before the destruction still runs.
     ASSERT_TRUE(wait_for([] { return idle_pool_threads() == 6; }));
@@ -492,8 +465,7 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     tovi_thread_pool_destroy();
     EXPECT_EQ(cap.texts(6), Texts{"TBA:res1 6, res2 0."});
     EXPECT_TRUE(wait_for([&] { return last.done.load(); }));
-    EXPECT_TRUE(all_slots_free() && create_thread_from_thread_pool(pool_work, &none, nullptr) == TOVI_ERR);
-    EXPECT_EQ(none.tid.load(), 0);
+    EXPECT_TRUE(all_slots_free() && create_thread_from_thread_pool(pool_work, &none, nullptr) == TOVI_ERR && none.tid.load() == 0);
 }
 
 // The pool is gone: non-preemptive work gets a raw thread with a small stack
@@ -503,16 +475,13 @@ TEST(Pool, InstantMapThreadsGetSmallPopulatedStacks)
     tovi_set_instant_map_flag(1);
     const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     uint64_t low = 0, high = 0, resident = 0, pages = 0;
-    on_tovi_thread(
-        [&] {
-            low = tovi_thrd_currentthreadinfo()->os_stack_low;
-            high = tovi_thrd_currentthreadinfo()->os_stack_high;
-            pages = ((here() & ~(page - 1)) - low - page) / page - 2;  // never touched: well below the frame
-            std::vector<unsigned char> vec(pages);
-            if (mincore(reinterpret_cast<void *>(low + page), pages * page, vec.data()) == 0)
-                resident = static_cast<uint64_t>(std::count_if(vec.begin(), vec.end(), [](auto v) { return v & 1; }));
-        },
-        create_thread_nopreempt_raw);
+    on_tovi_thread([&] {
+        low = tovi_thrd_currentthreadinfo()->os_stack_low, high = tovi_thrd_currentthreadinfo()->os_stack_high;
+        pages = ((here() & ~(page - 1)) - low - page) / page - 2;  // never touched: well below the frame
+        std::vector<unsigned char> vec(pages);
+        if (mincore(reinterpret_cast<void *>(low + page), pages * page, vec.data()) == 0)
+            resident = static_cast<uint64_t>(std::count_if(vec.begin(), vec.end(), [](auto v) { return v & 1; }));
+    }, create_thread_nopreempt_raw);
     tovi_set_instant_map_flag(0);
     EXPECT_GE(high - low, tovi::thrd::kPoolStackSize);
 #if !defined(__SANITIZE_THREAD__)  // the thread checker enlarges small stacks
