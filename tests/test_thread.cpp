@@ -40,7 +40,6 @@ void *run_task(void *arg) { return static_cast<Task *>(arg)->body(), static_cast
 
 using Creator = uint32_t (*)(tovi_thread_fn, void *, pthread_t *);
 
-// Starts `body` on a thread made by `create`; the future ends with it.
 std::future<void> start(Task &task, Creator create = create_thread_raw, pthread_t *id = nullptr)
 {
     auto done = task.done.get_future();
@@ -96,7 +95,6 @@ void invalidate_strategies()
     for (uint32_t i = 0; i < TOVI_THREAD_STRATEGIES; ++i) tovi_initThreadStrategy(i, &none);
 }
 
-// One stack lookup with everything it reports.
 struct Stack {
     uint64_t start = 0, end = 0;
     const char *desc = nullptr;
@@ -152,7 +150,6 @@ TEST(Registry, RawThreadCarriesItsRecordAndStacks)
               }, {}};
     auto done = start(task, create_thread_raw, &id);
     ASSERT_TRUE(wait_for([&] { return tid.load() != 0; }));
-    // Another thread finds it by kernel tid, with a reference.
     tovi_thread_s *rec = tovi_thrd_getthreadinfobytid(tid.load());
     ASSERT_TRUE(rec != nullptr && pthread_equal(rec->pthread_id, id));
     EXPECT_EQ(__atomic_load_n(&rec->slot->refs, __ATOMIC_RELAXED), 2u);
@@ -162,7 +159,6 @@ TEST(Registry, RawThreadCarriesItsRecordAndStacks)
                 end == rec->os_stack_high);
     EXPECT_EQ((tovi_thrd_putthreadinfo(rec), __atomic_load_n(&rec->slot->refs, __ATOMIC_RELAXED)), 1u);
     finish = true, done.wait();
-    // Once ended it is no longer found and its slot is free again.
     ASSERT_TRUE(all_slots_free());
     EXPECT_STREQ(Stack(tid.load(), frame.load()).desc, "UNKNOWN_STACK");
     EXPECT_TRUE(tovi_thrd_getthreadinfobytid(tid.load()) == nullptr && tovi_thrd_getosstack(tid.load(), &start, &end) == TOVI_ERR);
@@ -234,9 +230,7 @@ TEST(Registry, ThreadBeyondTheSlotsRunsUnlistedAndIsFreed)
     };
     for (uintptr_t i = 0; i < kThreads; ++i)
         ASSERT_EQ(create_thread_raw_base(body, reinterpret_cast<void *>(i), nullptr, nullptr, &attr), 0u) << i;
-    pthread_attr_destroy(&attr);
-    arrived.arrive_and_wait();
-    // Every thread runs with its own record; exactly one has no slot and is not found.
+    pthread_attr_destroy(&attr), arrived.arrive_and_wait();
     std::set<tovi_thread_s *> records;
     std::vector<int32_t> slotless;
     for (const auto &[rec, tid] : seen) {
@@ -434,7 +428,6 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     EXPECT_EQ(tovi_thread_pool_create(6), 2u);
     ASSERT_TRUE(wait_for([] { return idle_pool_threads() == 6; }));
     EXPECT_TRUE(tovi_thread_pool_create(3) == 0u && cap.texts(3) == (Texts{"Create OS thread pool 6, success 2.", "OS thread pool just allowed create once 3."})) << cap.texts(3).size();
-    // Six works occupy the six threads; a seventh finds none idle.
     std::atomic<bool> release{false};
     std::vector<PoolWork> works(6);
     std::set<int32_t> tids;
@@ -454,7 +447,6 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     ASSERT_TRUE(create_thread_nopreempt_raw(pool_work, &fallback, nullptr) == 0u && wait_for([&] { return fallback.done.load(); }));
     EXPECT_TRUE(tids.count(fallback.tid.load()) == 0u && fallback.seen == "[NULL]1") << fallback.seen;
     release = true;
-    // Once idle again the pool serves non-preemptive work too.
     ASSERT_TRUE(wait_for([] { return idle_pool_threads() == 6; }));
     ASSERT_TRUE(create_thread_nopreempt_raw(pool_work, &pooled, nullptr) == 0u && wait_for([&] { return pooled.done.load(); }));
     EXPECT_TRUE(tids.count(pooled.tid.load()) == 1u && pooled.seen == "OSThrdPoolRun1") << pooled.seen;
@@ -468,8 +460,7 @@ TEST(Pool, CreatedOnceServesWorkAndLeavesWhenDestroyed)
     EXPECT_TRUE(all_slots_free() && create_thread_from_thread_pool(pool_work, &none, nullptr) == TOVI_ERR && none.tid.load() == 0);
 }
 
-// The pool is gone: non-preemptive work gets a raw thread with a small stack
-// whose pages are mapped before the routine runs.
+// Without pool, non-preemptive work gets a raw thread with a small stack, mapped before the routine runs.
 TEST(Pool, InstantMapThreadsGetSmallPopulatedStacks)
 {
     tovi_set_instant_map_flag(1);
