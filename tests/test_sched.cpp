@@ -98,7 +98,7 @@ TEST(Sched, WakeUpSignalEndsSleepsPromptlyAndIsNeverLost)
         while (tid.load() == 0)
             tovi_yield();
         if (late)
-            tovi_msleep(60);
+            tovi_msleep(i == 0 ? 300 : 60);  // the select sleep must have begun: a signal before it is lost
         else if (i % 2 == 0)
             tovi_yield();
         if (i >= 2)
