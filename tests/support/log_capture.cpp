@@ -10,9 +10,11 @@
 namespace tovi::test {
 namespace {
 
-std::mutex g_mutex;
-std::vector<LogRecord> g_records;
-std::vector<std::string> g_calls;
+// Never destroyed: the library's detached threads may still log while the
+// test program's static objects are being torn down.
+std::mutex &g_mutex = *new std::mutex;
+std::vector<LogRecord> &g_records = *new std::vector<LogRecord>;
+std::vector<std::string> &g_calls = *new std::vector<std::string>;
 unsigned g_threshold = 7;
 
 std::string format(const char *fmt, va_list ap)
