@@ -49,16 +49,19 @@ bool check_links(const Node *n, ShowFn show)
     return check_next(n, show) && ok;
 }
 
-bool check_unlink(const Node *n, ShowFn show)
+bool check_tail_link(const Node *n, ShowFn show)
 {
-    bool ok = true;
     const Node *prev = n->prev;
     if (prev == nullptr || prev == kPoisonPrev) {
         TOVI_LOG(log::kInfo, "List node prev:(%p), cur:(%p)", at(prev), at(n));
-        ok = false;
-    } else {
-        ok = check_prev(n, show);
+        return false;
     }
+    return check_prev(n, show);
+}
+
+bool check_unlink(const Node *n, ShowFn show)
+{
+    bool ok = check_tail_link(n, show);
     if (!bad_link(n->next))
         ok = check_next(n, show) && ok;
     return ok;

@@ -218,6 +218,10 @@ bool check_links(const Node *n, ShowFn show = nullptr);
 // not followed. True when nothing was found.
 bool check_unlink(const Node *n, ShowFn show = nullptr);
 
+// The prev half of check_unlink: for a node (or a list head) about to get a
+// new predecessor.
+bool check_tail_link(const Node *n, ShowFn show = nullptr);
+
 // The check of one step of a walk: `n` must follow `last`
 // ("Abnormal list node cur:%p(%p,%p), is not point to last:%p") and its
 // successor must point back. True when both hold.

@@ -74,38 +74,6 @@ bool is_destroying(SchedWorkRoot &r)
     return d;
 }
 
-tovi_sched_work *work_of(tovi_list_head_s *entry)
-{
-    return reinterpret_cast<tovi_sched_work *>(reinterpret_cast<char *>(entry) - offsetof(tovi_sched_work, entry));
-}
-
-// Reports a link of `node` that does not lead back to it (queueLock held).
-void check_prev(tovi_list_head_s *node)
-{
-    tovi_list_head_s *prev = node->prev;
-    if (prev == nullptr || prev == list::kPoisonPrev) {
-        TOVI_LOG(kInfo, "List node prev:(%p), cur:(%p)", static_cast<void *>(prev), static_cast<void *>(node));
-    } else if (prev->next != node) {
-        TOVI_LOG(kError, "Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)", static_cast<void *>(prev),
-                 static_cast<void *>(prev->next), static_cast<void *>(prev->prev), static_cast<void *>(node),
-                 static_cast<void *>(node->next), static_cast<void *>(node->prev));
-        ToviSchedWorkShow(prev);
-        ToviSchedWorkShow(node);
-    }
-}
-
-void check_next(tovi_list_head_s *node)
-{
-    tovi_list_head_s *next = node->next;
-    if (next != nullptr && next != list::kPoisonNext && next->prev != node) {
-        TOVI_LOG(kError, "Abnormal list node next:%p(%p,%p) is not point to cur:%p(%p,%p)", static_cast<void *>(next),
-                 static_cast<void *>(next->next), static_cast<void *>(next->prev), static_cast<void *>(node),
-                 static_cast<void *>(node->next), static_cast<void *>(node->prev));
-        ToviSchedWorkShow(next);
-        ToviSchedWorkShow(node);
-    }
-}
-
 // ---- Queue-wait samples (queueLock held) ----
 
 void sample_add(WaitRing &w, const tovi_sched_work *work)
@@ -162,10 +130,9 @@ tovi_sched_work *sched_work_select_task(SchedWorkRoot &r)
         return nullptr;
     }
     tovi_list_head_s *first = head->next;
-    check_prev(first);
-    check_next(first);
+    list::check_unlink(first, ToviSchedWorkShow);
     list::del(first);
-    tovi_sched_work *work = work_of(first);
+    tovi_sched_work *work = list::entry<tovi_sched_work>(first, offsetof(tovi_sched_work, entry));
     const uint64_t waited = sample_take(r.waits, work);
     tovi_spinlock_unlock(&r.queueLock.lock);
     if (waited != 0)
@@ -345,16 +312,7 @@ int32_t tovi_sched_add_work(tovi_sched_work *work)
         SCHED_FAIL(kError, "Work in list is not initial, PID = (%d)", work->pid);
     tovi_spinlock_lock(&r.queueLock.lock);
     tovi_list_head_s *head = &r.queue.head;
-    tovi_list_head_s *tail = head->prev;
-    if (tail == nullptr || tail == tovi::list::kPoisonPrev) {
-        TOVI_LOG(kInfo, "List node prev:(%p), cur:(%p)", static_cast<void *>(tail), static_cast<void *>(head));
-    } else if (tail->next != head) {
-        TOVI_LOG(kError, "Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)", static_cast<void *>(tail),
-                 static_cast<void *>(tail->next), static_cast<void *>(tail->prev), static_cast<void *>(head),
-                 static_cast<void *>(head->next), static_cast<void *>(head->prev));
-        ToviSchedWorkShow(tail);
-        ToviSchedWorkShow(head);
-    }
+    tovi::list::check_tail_link(head, ToviSchedWorkShow);
     tovi::list::add_tail(&work->entry, head);
     tovi::schedwork::sample_add(r.waits, work);
     tovi_spinlock_unlock(&r.queueLock.lock);
@@ -378,8 +336,7 @@ int32_t tovi_sched_delete_work(tovi_sched_work *work)
         tovi_spinlock_unlock(&r.queueLock.lock);
         return TOVI_SCHED_WORK_NOT_QUEUED;
     }
-    tovi::schedwork::check_prev(&work->entry);
-    tovi::schedwork::check_next(&work->entry);
+    tovi::list::check_unlink(&work->entry, ToviSchedWorkShow);
     tovi::list::del(&work->entry);
     tovi::schedwork::sample_forget(r.waits, work);
     tovi_spinlock_unlock(&r.queueLock.lock);
