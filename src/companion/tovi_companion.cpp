@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -60,6 +62,34 @@ uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
     if (backend() == Backend::kernel)
         return kernel::jiffies_map(uio);
     return 0;
+}
+
+int control_open(const char *path, ControlFile *file)
+{
+    if (backend() == Backend::kernel) {
+        file->fd = open(path, O_RDWR | O_CLOEXEC);
+        return file->fd < 0 ? -1 : 0;
+    }
+    if (!user::control_known(path)) {
+        errno = ENOENT;
+        return -1;
+    }
+    file->path = path;
+    return 0;
+}
+
+long control_ioctl(const ControlFile &file, unsigned long request, void *arg)
+{
+    if (file.fd >= 0)
+        return ::ioctl(file.fd, request, arg);
+    return user::control_ioctl(file.path, request, arg);
+}
+
+void control_close(ControlFile *file)
+{
+    if (file->fd >= 0)
+        close(file->fd);
+    *file = ControlFile{};
 }
 
 }  // namespace tovi::companion

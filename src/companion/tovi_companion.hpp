@@ -37,6 +37,21 @@ long syscall(uint32_t cmd, long a1 = -1, long a2 = -1, long a3 = -1);
 // backend has no device, leaves the counter pointer null and returns 0.
 uint32_t jiffies_map(tovi_jiffies_uio_s *uio);
 
+// A control file of the kernel side ("/proc/kar/syscall", "/proc/kar/timezone")
+// that takes ioctl requests. Callers open it, issue requests and close it, and
+// log open and ioctl failures with their own messages.
+struct ControlFile {
+    int fd = -1;                  // kernel backend: the open file
+    const char *path = nullptr;   // user backend: which control file
+};
+
+// 0, or -1 with errno (ENOENT for a control file the backend does not know).
+int control_open(const char *path, ControlFile *file);
+// The request's result: -1 with errno on failure (ENOTTY for a request the
+// backend does not serve).
+long control_ioctl(const ControlFile &file, unsigned long request, void *arg);
+void control_close(ControlFile *file);
+
 namespace kernel {
 long syscall(uint32_t cmd, long a1, long a2, long a3);
 uint32_t jiffies_map(tovi_jiffies_uio_s *uio);
@@ -46,6 +61,8 @@ uint32_t tovi_get_child_dir(char *child, size_t size);
 
 namespace user {
 long syscall(uint32_t cmd, long a1, long a2, long a3);
+bool control_known(const char *path);
+long control_ioctl(const char *path, unsigned long request, void *arg);
 }  // namespace user
 
 }  // namespace tovi::companion

@@ -1,7 +1,9 @@
 // User-space backend of the companion: serves the private system call
 // commands inside the process on hosts without the platform kernel. Each
 // command is one handler in the table below.
+#include <array>
 #include <cerrno>
+#include <cstring>
 #include <climits>
 #include <ctime>
 #include <linux/futex.h>
@@ -107,7 +109,38 @@ constexpr Command kCommands[] = {
     {kCmdWait, wait_on_word},
 };
 
+// The control files of the kernel side and the ioctl requests served for
+// them, one handler per (file, request).
+constexpr const char *kControlFiles[] = {"/proc/kar/syscall", "/proc/kar/timezone"};
+
+using IoctlHandler = long (*)(void *arg);
+
+struct IoctlCommand {
+    const char *path;
+    unsigned long request;
+    IoctlHandler handler;
+};
+
+constexpr std::array<IoctlCommand, 0> kIoctls{};
+
 }  // namespace
+
+bool control_known(const char *path)
+{
+    for (const char *known : kControlFiles)
+        if (path != nullptr && std::strcmp(known, path) == 0)
+            return true;
+    return false;
+}
+
+long control_ioctl(const char *path, unsigned long request, void *arg)
+{
+    for (const IoctlCommand &c : kIoctls)
+        if (c.request == request && std::strcmp(c.path, path) == 0)
+            return c.handler(arg);
+    errno = ENOTTY;
+    return -1;
+}
 
 long syscall(uint32_t cmd, long a1, long a2, long a3)
 {
