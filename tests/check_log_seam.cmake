@@ -49,6 +49,11 @@ set(names
   semaphore/tovi_semaphore.cpp=tovi_sem_enhance
   symbol/tovi_symbol.cpp=tovi_symbol
   time/tovi_time.cpp=tovi_time
+  time/tovi_time_calendar.cpp=tovi_time
+  time/tovi_time_table.cpp=tovi_time
+  time/tovi_time_zone.cpp=tovi_time
+  time/tovi_timeutil.cpp=tovi_timeutil
+  time/tovi_timezone.cpp=tovi_timezone
   timer/tovi_timer.cpp=tovi_timer
   timer/tovi_timer_wheel.cpp=tovi_timer_wheel)
 # Every file of the thread module logs as "tovi_thrd", however it is split.

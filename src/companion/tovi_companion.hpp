@@ -24,6 +24,15 @@ enum class Backend { kernel, user };
 inline constexpr uint32_t kCmdMemTable = 0x401;  // a1: where to store the usage table's address
 inline constexpr uint32_t kCmdMemDump = 0x402;   // dump the memory statistics
 inline constexpr uint32_t kCmdWait = 0x800;      // a1: wait word, a2: jiffies in/out, a3: result
+// Clocks, in seconds: a1 the output; or, for the *_FromUtc reads, a1 the
+// input and a2 the output.
+inline constexpr uint32_t kCmdTimeLocal = 0x100;
+inline constexpr uint32_t kCmdTimeLocalFromUtc = 0x101;
+inline constexpr uint32_t kCmdTimeUtc = 0x102;
+inline constexpr uint32_t kCmdTimeDstFromUtc = 0x103;
+inline constexpr uint32_t kCmdTimeDst = 0x104;
+// ioctl on /proc/kar/timezone: the zone's transition table (tovi_tz_table_s).
+inline constexpr unsigned long kIoctlTimezone = 902;
 
 Backend backend();
 const char *backend_name();
@@ -63,6 +72,16 @@ namespace user {
 long syscall(uint32_t cmd, long a1, long a2, long a3);
 bool control_known(const char *path);
 long control_ioctl(const char *path, unsigned long request, void *arg);
+}  // namespace user
+
+// The clocks and the zone table (tovi_companion_user_time.cpp).
+namespace user {
+long time_local(long a1, long a2, long a3);
+long time_local_from_utc(long a1, long a2, long a3);
+long time_utc(long a1, long a2, long a3);
+long timezone_table_store(void *arg);
+// Forgets the stored table, so the process's own zone counts again.
+void timezone_table_reset();
 }  // namespace user
 
 }  // namespace tovi::companion

@@ -107,6 +107,11 @@ constexpr Command kCommands[] = {
     {kCmdMemTable, mem_table},
     {kCmdMemDump, mem_dump},
     {kCmdWait, wait_on_word},
+    {kCmdTimeLocal, time_local},
+    {kCmdTimeLocalFromUtc, time_local_from_utc},
+    {kCmdTimeUtc, time_utc},
+    {kCmdTimeDstFromUtc, time_local_from_utc},
+    {kCmdTimeDst, time_local},
 };
 
 // The control files of the kernel side and the ioctl requests served for
@@ -121,7 +126,9 @@ struct IoctlCommand {
     IoctlHandler handler;
 };
 
-constexpr std::array<IoctlCommand, 0> kIoctls{};
+constexpr IoctlCommand kIoctls[] = {
+    {"/proc/kar/timezone", kIoctlTimezone, timezone_table_store},
+};
 
 }  // namespace
 
