@@ -37,6 +37,8 @@ cases=(
   "3|tovictl: cfg: $tmp: is a directory|cfg dump $tmp"
   "4|tovictl: cfg: $tmp/ok.ini: no section \[t\]|cfg get $tmp/ok.ini t a"
   "5|tovictl: cfg: $tmp/ok.ini: no item b in section \[s\]|cfg del $tmp/ok.ini s b"
+  "2|tovictl: time: unexpected 'b' \(usage: tovictl time \[ZONE\]\)|time a b"
+  "1|tovictl: time: no zone '\.\./etc' in /usr/share/zoneinfo|time ../etc"
 )
 # Root reads any file: the permission case only means something for others.
 if [ "$(id -u)" -ne 0 ]; then
@@ -71,6 +73,11 @@ VRLOG_LEVEL=3 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" && fail "VRLOG_LEVEL=3 tovictl info: messages above the threshold"
 VRLOG_LEVEL=3,381=6 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=3,381=6 tovictl info: the library's messages are missing"
+
+# A zone with DST: its offset now and the table's next four changes.
+"${tool[@]}" time Australia/Sydney >"$tmp/out" 2>&1 || fail "tovictl time Australia/Sydney: status $?"
+grep -Eq '^zone: +Australia/Sydney \(AE[SD]T, UTC\+1[01]:00\)$' "$tmp/out" || fail "tovictl time: $(cat "$tmp/out")"
+[ "$(grep -Ec '^next: .* UTC  UTC\+1[01]:00$' "$tmp/out")" -eq 4 ] || fail "tovictl time: $(cat "$tmp/out")"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))
