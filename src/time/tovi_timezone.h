@@ -40,31 +40,31 @@ typedef struct tovi_dst_info_s {
 /** A date and time: seconds, minutes, hours, day 1-31, month 1-12, full
  *  year, weekday 0 = Sunday. */
 typedef struct TOVI_DATE_TIME_S {
-    uint32_t second;
-    uint32_t minute;
-    uint32_t hour;
-    uint32_t day;
-    uint32_t month;
-    uint32_t year;
-    uint32_t weekday;
+    uint32_t second;  /**< 0-59 */
+    uint32_t minute;  /**< 0-59 */
+    uint32_t hour;    /**< 0-23 */
+    uint32_t day;     /**< 1-31 */
+    uint32_t month;   /**< 1-12 */
+    uint32_t year;    /**< full year, such as 2024 */
+    uint32_t weekday; /**< 0 = Sunday ... 6 = Saturday */
 } TOVI_DATE_TIME_S;
 
 /** A date and time without weekday, in the order of TOVI_DATE_TIME_S. */
 typedef struct tovi_time_store_s {
-    uint32_t field[6];
+    uint32_t field[6]; /**< second, minute, hour, day, month, year */
 } tovi_time_store_s;
 
 /** One DST rule of a year. */
 typedef struct tovi_dst_rule_s {
-    char begin[32];
-    char end[32];
-    uint32_t offset;
+    char begin[32];  /**< "YYYY-MM-DD hh:mm:ss" as the script gives it */
+    char end[32];    /**< the same layout */
+    uint32_t offset; /**< DST minutes */
 } tovi_dst_rule_s;
 
 /** The DST rules of a region for the current year: up to five. */
 typedef struct tovi_dst_rules_s {
-    tovi_dst_rule_s rule[5];
-    uint32_t count;
+    tovi_dst_rule_s rule[5]; /**< the rules, in the script's order */
+    uint32_t count;          /**< rules filled */
 } tovi_dst_rules_s;
 
 /** Transitions the kernel zone table holds. */
@@ -82,7 +82,7 @@ typedef struct tovi_tz_table_s {
     uint32_t count;        /**< transitions that follow */
     uint32_t noTransition; /**< 1 when the zone has none, else 0 */
     int64_t gmtoff;        /**< with noTransition: the zone's offset in seconds, else 0 */
-    tovi_tz_transition_s transition[TOVI_TZ_TABLE_MAX];
+    tovi_tz_transition_s transition[TOVI_TZ_TABLE_MAX]; /**< in time order */
 } tovi_tz_table_s;
 
 /** The ioctl request that hands a tovi_tz_table_s to "/proc/kar/timezone". */
@@ -186,9 +186,10 @@ TOVI_API int32_t tovi_time_query_dstconfinfoforregion(const char *zone, char *be
 TOVI_API int32_t tovi_time_query_dstconfforregion(const char *zone, tovi_dst_rules_s *rules);
 /** -1 when s holds one of ; < $ & \ | ` > ! or a line feed, else 0. */
 TOVI_API int32_t tovi_filter_special_character(const char *s);
-/** 0 when the moment is in DST, -1 when not or on failure. With useStored
- *  the zone and rules come from m_stTZInfo and g_toviDstInfo and the moment
- *  is utcSeconds; otherwise everything (the moment included) is live. */
+/** 0 when the moment utcSeconds is in DST, -1 when not or on failure. With
+ *  useStored the zone and rules come from m_stTZInfo and g_toviDstInfo;
+ *  otherwise from the live system (local time by localtime_r, the rules
+ *  from the platform script). The year is never compared. */
 TOVI_API int32_t tovi_time_ckdst(int32_t useStored, uint64_t utcSeconds);
 /** Sets the zone through the platform script and pushes it to the kernel
  *  side. 0, or the failing step's result. */
