@@ -24,6 +24,14 @@ enum class Backend { kernel, user };
 inline constexpr uint32_t kCmdMemTable = 0x401;  // a1: where to store the usage table's address
 inline constexpr uint32_t kCmdMemDump = 0x402;   // dump the memory statistics
 inline constexpr uint32_t kCmdWait = 0x800;      // a1: wait word, a2: jiffies in/out, a3: result
+inline constexpr uint32_t kCmdGetIdleNoCstates = 0x305;  // a1: CPU, a2: uint32_t out
+inline constexpr uint32_t kCmdSetIdleNoCstates = 0x306;  // a1: CPU, a2: uint32_t in
+inline constexpr uint32_t kCmdCpuTaskInfo = 0x307;       // a1: CPU, a2: the platform's record out
+
+// ioctl requests on "/proc/kar/syscall": the custom setting items.
+inline constexpr unsigned long kIoctlCstGet = 256;     // CstMsgHeader, 325 bytes in, 290 out
+inline constexpr unsigned long kIoctlCstSet = 257;     // CstMsgHeader, 325 bytes in
+inline constexpr unsigned long kIoctlCstReload = 258;  // no argument
 
 Backend backend();
 const char *backend_name();
@@ -63,6 +71,20 @@ namespace user {
 long syscall(uint32_t cmd, long a1, long a2, long a3);
 bool control_known(const char *path);
 long control_ioctl(const char *path, unsigned long request, void *arg);
+}  // namespace user
+
+// Processor controls of the user backend (tovi_companion_user_cpu.cpp).
+namespace user {
+long cpu_get_idle_no_cstates(long cpu, long value, long);
+long cpu_set_idle_no_cstates(long cpu, long value, long);
+long cpu_task_info(long cpu, long info, long);
+}  // namespace user
+
+// Custom setting items of the user backend (tovi_companion_user_cst.cpp).
+namespace user {
+long cst_get(void *header);
+long cst_set(void *header);
+long cst_reload(void *header);
 }  // namespace user
 
 }  // namespace tovi::companion

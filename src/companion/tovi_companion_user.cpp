@@ -107,6 +107,9 @@ constexpr Command kCommands[] = {
     {kCmdMemTable, mem_table},
     {kCmdMemDump, mem_dump},
     {kCmdWait, wait_on_word},
+    {kCmdGetIdleNoCstates, cpu_get_idle_no_cstates},
+    {kCmdSetIdleNoCstates, cpu_set_idle_no_cstates},
+    {kCmdCpuTaskInfo, cpu_task_info},
 };
 
 // The control files of the kernel side and the ioctl requests served for
@@ -121,7 +124,11 @@ struct IoctlCommand {
     IoctlHandler handler;
 };
 
-constexpr std::array<IoctlCommand, 0> kIoctls{};
+constexpr IoctlCommand kIoctls[] = {
+    {"/proc/kar/syscall", kIoctlCstGet, cst_get},
+    {"/proc/kar/syscall", kIoctlCstSet, cst_set},
+    {"/proc/kar/syscall", kIoctlCstReload, cst_reload},
+};
 
 }  // namespace
 
