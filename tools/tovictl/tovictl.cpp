@@ -336,6 +336,8 @@ int tovictl_timers(int argc, char **argv);
 int tovictl_cfg(int argc, char **argv);
 int tovictl_work(int argc, char **argv);
 int tovictl_net(int argc, char **argv);
+int tovictl_numa(int argc, char **argv);
+int tovictl_partitions(int argc, char **argv);
 
 namespace {
 
@@ -350,6 +352,8 @@ const Command kCommands[] = {
     {"cfg", "cfg VERB FILE ...     get|set|add|del|delsection|dump an ini file", tovictl_cfg},
     {"work", "work [-n COUNT]      the work pool's and hr timers' counters under a sample load", tovictl_work},
     {"net", "net IFNAME           addresses, recorded rules and routes of an interface; the sshd port", tovictl_net},
+    {"numa", "numa [FILE]          the system CPU masks and the NUMA nodes of FILE (default: the platform's)", tovictl_numa},
+    {"partitions", "partitions [FILE]    the CPU partition table of FILE (default: the platform's)", tovictl_partitions},
 };
 
 int usage(FILE *out, int code)
