@@ -22,15 +22,21 @@ endif()
 
 # Source names of the modules, as their messages carry them.
 set(names
+  affinity/tovi_affinity.cpp=tovi_affinity
   avl/tovi_avl.cpp=tovi_avl
   cfg/tovi_cfg.cpp=tovi_cfg
+  cfg/tovi_cfg_cst.cpp=tovi_cst
   cfg/tovi_cfg_edit.cpp=tovi_cfg
   cfg/tovi_cfg_node.cpp=tovi_cfg
   cfg/tovi_cfg_parse.cpp=tovi_cfg
   companion/tovi_companion.cpp=tovi_companion
   companion/tovi_companion_kernel.cpp=tovi_companion_kernel
   companion/tovi_companion_user.cpp=tovi_companion_user
+  cpu/tovi_cpu.cpp=tovi_cpu
+  cpu/tovi_cpu_smp.cpp=tovi_smp
   cpumask/tovi_cpumask.cpp=tovi_cpumask
+  cpumask/tovi_cpumask_numa.cpp=tovi_numa
+  cpumask/tovi_cpumask_partition.cpp=tovi_cpumask
   hash/tovi_hash.cpp=tovi_hash
   init/tovi_init.cpp=tovi_init
   list/tovi_list.cpp=tovi_list

@@ -1,20 +1,34 @@
-// CPU lists parsed into 1024-bit CPU sets.
+// CPU lists, the system masks and counts from a fake sysfs, partitions and
+// NUMA nodes from fake platform files, the processor controls.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <bitset>
+#include <cerrno>
+#include <cstdarg>
+#include <dirent.h>
+#include <filesystem>
+#include <map>
 #include <random>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "child.hpp"
 #include "log_capture.hpp"
+#include "tovi_cpu.h"
 #include "tovi_cpumask.h"
+#include "tovi_thread.hpp"
 
-using tovi::test::LogCapture;
+using namespace tovi::test;
+using Texts = std::vector<std::string>;
 using Cpus = std::bitset<1024>;
 
-static Cpus bits(const uint64_t (&words)[16])
+static Cpus bits(const uint64_t *words, unsigned n = 1024)
 {
     Cpus b;
-    for (unsigned cpu = 0; cpu < 1024; ++cpu)
+    for (unsigned cpu = 0; cpu < n; ++cpu)
         b[cpu] = (words[cpu / 64] >> (cpu % 64) & 1) != 0;
     return b;
 }
@@ -48,8 +62,6 @@ TEST(Cpumask, ListsAreOredIntoTheSetAndBadItemsLoggedAndSkipped)
         {",,", -1, {}, {}},
         {",2,,4,", 0, cpus({{2, 2}, {4, 4}}), {}},  // empty items are no items
         {"6-y", 0, cpus({{6, 6}}), {}},             // a second number that does not scan: one CPU
-        {"GROUP_0/io,12", 0, cpus({{12, 12}}), {bad("GROUP_0/io")}},  // partitions do not resolve yet
-        {"GROUP_1/poll", -1, {}, {bad("GROUP_1/poll")}},
     };
     for (const Case &c : cases) {
         LogCapture cap;
@@ -104,4 +116,238 @@ TEST(Cpumask, RandomListsMatchAModel)
         EXPECT_EQ(bits(words), model) << list;
         EXPECT_EQ(cap.texts(6).size(), bad) << list;
     }
+}
+
+// A root of this child's own: the host's directories bound in, empty /tmp and
+// /sys/devices/system/cpu, and `files` (path -> text; "*.sh" executable).
+static bool fake_root(const std::map<std::string, std::string> &files)
+{
+    DIR *d = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+             mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) == 0 && mkdir("/tmp/root", 0755) == 0 ? opendir("/") : nullptr;
+    bool ok = d != nullptr;
+    struct stat st;
+    while (dirent *e = ok ? readdir(d) : nullptr) {
+        std::string name = e->d_name, from = "/" + name, to = "/tmp/root/" + name;
+        if (name != "." && name != ".." && name != "tmp" && stat(from.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+            ok = mkdir(to.c_str(), 0755) == 0 && mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+    }
+    ok = d != nullptr && closedir(d) == 0 && ok && mkdir("/tmp/root/tmp", 01777) == 0 && chroot("/tmp/root") == 0 &&
+         chdir("/") == 0 && mount("tmpfs", "/sys/devices/system/cpu", "tmpfs", 0, nullptr) == 0;
+    for (const auto &[path, text] : files) {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        ok = ok && write_file(path, text, path.ends_with(".sh") ? 0755 : 0644);
+    }
+    return ok;
+}
+
+static void in_fake_root(const std::map<std::string, std::string> &files, const std::function<std::string()> &body)
+{
+    std::string failure = report_from_child([&]() { return fake_root(files) ? body() : "SKIP"; });
+    if (failure == "SKIP")
+        GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(failure, "");
+}
+
+static std::string joined(const Texts &texts)
+{
+    std::string out;
+    for (const auto &t : texts)
+        out += t + "|";
+    return out;
+}
+
+// In a child: a text that differs is reported as it is.
+#define CHILD_TEXT(got, want)                                                       \
+    do {                                                                            \
+        if (std::string g_ = (got); g_ != (want))                                   \
+            return "line " + std::to_string(__LINE__) + ": got '" + g_ + "'";     \
+    } while (0)
+
+static std::string g_shown;
+static int show(const char *fmt, ...)
+{
+    char line[512];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+    g_shown += line;
+    return n;
+}
+
+constexpr const char *kSys = "/sys/devices/system/cpu/";
+constexpr const char *kProduct = "/ZSR/conf/app_data/qlrt/product.ini";
+
+// The system masks of a host with more CPUs than a mask holds, the counts,
+// and a partition file that is missing and cannot be generated.
+TEST(CpuLayout, MasksCountsAndAMissingPartitionFile)
+{
+    in_fake_root({{std::string(kSys) + "possible", "0-299\n"}, {std::string(kSys) + "online", "0-2,8\n"}}, [] {
+        LogCapture cap;
+        CHILD_CHECK(cpumask_init() == -1);
+        CHILD_TEXT(joined(cap.texts(3)), "Load_cpumask failed. possible_cpu = 299, online_cpu = 8, max_cpu=-1\n|");
+        CHILD_CHECK(write_file(std::string(kSys) + "present", "\n") && cpumask_init() == 0);
+        CHILD_CHECK(bits(cpu_possible_mask, 256).count() == 256 && bits(cpu_present_mask, 256).none());
+        std::vector<uint32_t> online;
+        for (uint32_t cpu = tovi_first_cpu(cpu_online_mask); cpu < 256; cpu = tovi_next_cpu(cpu, cpu_online_mask))
+            online.push_back(cpu);
+        CHILD_CHECK(online == (std::vector<uint32_t>{0, 1, 2, 8}) && tovi_first_cpu(cpu_present_mask) == 256);
+        struct {
+            const char *line;
+            int32_t rc;
+            Cpus want;
+        } loads[] = {{"4-6,1\n", 6, cpus({{1, 1}, {4, 6}})}, {"7-5\n", 5, {}}, {"255-1000", 1000, cpus({{255, 255}})}};
+        for (const auto &l : loads) {
+            uint64_t mask[5] = {0, 0, 0, 0, 0x5a};
+            CHILD_CHECK(write_file("/tmp/list", l.line) && load_cpumask(mask, "/tmp/list") == l.rc);
+            CHILD_CHECK(bits(mask, 256) == l.want && mask[4] == 0x5a);
+        }
+        cap.clear();
+        errno = 0;
+        CHILD_CHECK(num_config_cpus() == 0 && tovi::thrd::cpuset_bytes() == 128);
+        CHILD_CHECK(globalCpuNum_init() == 0 && g_configCpuNum == 300 && g_onlineCpuNum == 4 && num_config_cpus() == 300);
+        // No partition file and no script to make one: one failed load per process.
+        uint64_t set[16] = {~0ULL};
+        CHILD_CHECK(tovi_cpum_clear_cpumask_of_iod_poll(set) == -1 && tovi_cpum_init(nullptr) == 0);
+        const std::string smp = "Tovi_smp getting cpu num failed ret 300 errno=0.|";  // asked twice
+        CHILD_TEXT(joined(cap.texts()), smp + smp + "Generate default cpu group "
+                                        "cfg ret:32512|Cpu group cfg " + std::string(kProduct) +
+                                            " is not exist, errno:2|Invalid cpu group cfg " + kProduct + "|");
+        CHILD_CHECK(tovi_cpum_dbg_show(show) == 0 && g_shown == "Group            Partition        Type CpuBind\n");
+        return std::string();
+    });
+}
+
+TEST(CpuLayout, PartitionsFromTheGeneratedDefaultFile)
+{
+    const std::string script = "#!/bin/sh\necho \"$*\" >/tmp/args\nmkdir -p \"$1\"\ncat >\"$1product.ini\" <<EOF\n"
+                               "[CPU_PARTITION]\ngroup_num=3\n[GROUP_0]\npartition_num=6\npartition_0=io:1:2-3\n"
+                               "partition_1=IOD_NORMAL:2:4-9\npartition_2=nocolon\npartition_3=ref:3:GROUP_0/io,12\n"
+                               "partition_4=loop:4:GROUP_0/loop\npartition_5=a_name_longer_than_thirty_one_chars:5:7\n"
+                               "[GROUP_1]\npartition_num=0\n[GROUP_2]\npartition_num=1\npartition_0=IOD_NORMAL:6:20-21\nEOF\n";
+    in_fake_root({{"/ZSR/component/omm/script/gen_product_ini.sh", script}}, [] {
+        LogCapture cap;
+        uint64_t set[16] = {};
+        CHILD_CHECK(tovi_cpum_dbg_show(show) == -1 && g_shown == "Cpu partition is not inited yet\n");
+        CHILD_CHECK(tovi_cpum_parse_cpumask("GROUP_0/io,12", set) == 0 && bits(set) == cpus({{2, 3}, {12, 12}}));
+        CHILD_CHECK(read_file("/tmp/args") == "/ZSR/conf/app_data/qlrt/\n");
+        CHILD_TEXT(joined(cap.texts()), "Generate default cpu group cfg ret:0|Get cpu partition num fail, GROUP_1|");
+        struct {
+            const char *list;
+            int32_t rc;
+            Cpus want;
+        } refs[] = {{"GROUP_0/ref", 0, cpus({{2, 3}, {12, 12}})}, {"GROUP_0/loop,1", 0, cpus({{1, 1}})},
+                    {"GROUP_9/io", -1, {}}, {"GROUP_0/a_name_longer_than_thirty_one_c", 0, cpus({{7, 7}})}};
+        for (const auto &r : refs) {
+            uint64_t words[16] = {};
+            CHILD_CHECK(tovi_cpum_parse_cpumask(r.list, words) == r.rc && bits(words) == r.want);
+        }
+        std::fill(set, set + 16, ~0ULL);
+        CHILD_CHECK(tovi_cpum_clear_cpumask_of_iod_poll(set) == 0 && (~bits(set)) == cpus({{4, 5}}));
+        g_shown.clear();
+        CHILD_CHECK(tovi_cpum_dbg_show(show) == 0);
+        CHILD_CHECK(g_shown == "Group            Partition        Type CpuBind\n"
+                               "GROUP_0          io               1    2-3\n"
+                               "GROUP_0          IOD_NORMAL       2    4-9\n"
+                               "GROUP_0          ref              3    GROUP_0/io,12\n"
+                               "GROUP_0          loop             4    GROUP_0/loop\n"
+                               "GROUP_0          a_name_longer_than_thirty_one_c 5    7\n"
+                               "GROUP_2          IOD_NORMAL       6    20-21\n");
+        return std::string();
+    });
+}
+
+TEST(CpuLayout, NumaFileFailuresThenALoad)
+{
+    char dir[] = "/tmp/tovi_numa_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string file = std::string(dir) + "/numa.ini", proc = std::string(dir) + "/proc.ini";
+    const std::string nodes = "[NUMA_PARTITION]\ncpu_num=8\nnuma_num=2\nnuma_0=0-3,8\nnuma_1=4-7,250-1100\n";
+    LogCapture cap;
+    if (access(TOVI_NUMAM_FILE, F_OK) != 0) {
+        EXPECT_EQ(tovi_numam_init(nullptr), 0);
+        EXPECT_EQ(cap.texts(), Texts{"Numa cfg " + std::string(TOVI_NUMAM_FILE) + " is not access, errno:2"});
+    }
+    const std::string loaded = "Get cores(0-3,8) by numaId(0) success.|Get cores(4-7,250-1100) by numaId(1) success.|"
+                               "Get cpu_num(8), numa_num(2) success.|";
+    struct {
+        std::string text;
+        std::string said;
+    } bad[] = {
+        {"[NUMA_PARTITION]\ncpu_num=0\n", "Get cpu num fail, ret:0|Parse numa cfg CPU_PARTITION fail.|"},
+        {"[NUMA_PARTITION]\ncpu_num=2\n", "Get numa num fail, ret:0|Parse numa cfg CPU_PARTITION fail.|"},
+        {"[NUMA_PARTITION]\ncpu_num=2\nnuma_num=2\nnuma_0=1\n", "Get cores(1) by numaId(0) success.|"
+                                                                "Parse numa cfg CPU_PARTITION fail.|"},
+        {nodes, loaded + "Parse numa cfg PROC_PARTITION fail.|"},
+        {nodes + "[PROC_PARTITION]\nnuma_enable=yes\n", loaded + "Get proc_numa_info fail, itemValue:yes|"
+                                                                 "Parse numa cfg PROC_PARTITION fail.|"},
+        {nodes + "[PROC_PARTITION]\nnuma_enable=falsy\nproc_numa_info=0,2\n",
+         loaded + "Get numa_enable(falsy) success.|Get proc_numa_info(0,2) failed.|Parse numa cfg PROC_PARTITION fail.|"},
+    };
+    for (const auto &b : bad) {
+        cap.clear();
+        ASSERT_TRUE(write_file(file, b.text));
+        EXPECT_EQ(tovi_numam_init(file.c_str()), -1) << b.text;
+        EXPECT_TRUE(joined(cap.texts()).ends_with(b.said)) << joined(cap.texts());  // "Numa cfg %s." is rate-limited
+        EXPECT_EQ(tovi_numam_num_get(), 0);
+    }
+    char files[2][256] = {};
+    cap.clear();
+    EXPECT_EQ(tovi_numam_module_init(files), -1);
+    std::copy(file.begin(), file.end(), files[0]);
+    EXPECT_EQ(tovi_numam_module_init(files), -1);
+    std::fill(files[1], files[1] + 256, 'x');
+    EXPECT_EQ(tovi_numam_module_init(files), -1);
+    std::fill(files[1], files[1] + 256, '\0');
+    std::copy(proc.begin(), proc.end(), files[1]);
+    ASSERT_TRUE(write_file(file, nodes) && write_file(proc, "[PROC_PARTITION]\nnuma_enable=true\nproc_numa_info=1\n"));
+    EXPECT_EQ(tovi_numam_module_init(files), 0);
+    EXPECT_EQ(joined(cap.texts()), "Numa cfg numa_info error.|Numa cfg node_numa error.|Numa cfg node_numa error.|" + loaded +
+                                       "Get numa_enable(true) success.|Get proc_numa_info(1) success.|");
+    EXPECT_EQ(tovi_numam_init(nullptr), 0);
+    EXPECT_EQ(tovi_numam_status_get(), 1u);
+    EXPECT_EQ(tovi_numam_num_get(), 2);
+    uint64_t used = 0, set[16] = {~0ULL}, mask[5] = {~0ULL, 0, 0, 0, 0x5a};
+    EXPECT_EQ(tovi_numam_proc_numamask_get(&used), 0);
+    EXPECT_EQ(used, 2u);
+    EXPECT_EQ(tovi_numam_cpuset_get(1, set), 0);
+    EXPECT_EQ(bits(set), cpus({{4, 7}, {250, 1023}}));
+    EXPECT_EQ(tovi_numam_cpumask_get(1, mask), 0);
+    EXPECT_EQ(bits(mask, 256), cpus({{4, 7}, {250, 255}}));
+    EXPECT_EQ(mask[4], 0x5au);
+    cap.clear();
+    EXPECT_EQ(tovi_numam_cpuset_get(2, set), 0);
+    EXPECT_TRUE(bits(set).none());
+    uint32_t first = 9, last = 9;
+    EXPECT_EQ(tovi_numam_parse_cpustr("3-1", &first, &last), -1);
+    EXPECT_EQ(tovi_numam_parse_cpustr("x", &first, &last), -1);
+    EXPECT_EQ(tovi_numam_parse_cpustr("5", &first, &last), 0);
+    EXPECT_EQ(first * 10 + last, 55u);
+    EXPECT_EQ(tovi_numam_cpuset_get(0, nullptr), -1);
+    EXPECT_EQ(tovi_numam_status_set(2), -1);
+    EXPECT_EQ(joined(cap.texts()), "NumaId(2) not configured, numa_num(2).|Parse cpu mask 3-1 fail, end:1 is less than "
+                                   "start:3|Parse CpuSet fail, invalid format:x|Param error, cpuSet is NULL.|");
+    std::filesystem::remove_all(dir);
+}
+
+// The user-space companion keeps the C-state switch per process and has no
+// task information.
+TEST(CpuLayout, ProcessorControls)
+{
+    LogCapture cap;
+    uint32_t value = 7;
+    const uint32_t beyond = static_cast<uint32_t>(sysconf(_SC_NPROCESSORS_CONF));
+    EXPECT_EQ(tovi_get_idle_no_cstates(0, &value), 0);
+    EXPECT_EQ(value, 0u);
+    EXPECT_EQ(tovi_set_idle_no_cstates(0, 1), 0);
+    EXPECT_EQ(tovi_get_idle_no_cstates(0, &value), 0);
+    EXPECT_EQ(value, 1u);
+    EXPECT_EQ(tovi_get_idle_no_cstates(beyond, &value), -1);
+    EXPECT_EQ(tovi_set_idle_no_cstates(beyond, 1), -1);
+    char info[64];
+    EXPECT_EQ(tovi_get_cpu_task_info(0, info), -1);
+    EXPECT_EQ(tovi_get_idle_no_cstates(0, nullptr), -1);
+    EXPECT_EQ(tovi_get_cpu_task_info(0, nullptr), -1);
+    EXPECT_EQ(cap.texts(), (Texts{"Syscall for tovi_set_idle_no_cstates failed.", "idle_no_cstates_value is null.",
+                                  "pCpuTaskInfo is null."}));
 }

@@ -39,6 +39,9 @@ cases=(
   "5|tovictl: cfg: $tmp/ok.ini: no item b in section \[s\]|cfg del $tmp/ok.ini s b"
   "2|tovictl: time: unexpected 'b' \(usage: tovictl time \[ZONE\]\)|time a b"
   "1|tovictl: time: no zone '\.\./etc' in /usr/share/zoneinfo|time ../etc"
+  "2|tovictl: numa: usage: tovictl numa \[FILE\]|numa a b"
+  "1|tovictl: partitions: cannot read '$tmp/none'|partitions $tmp/none"
+  "1|tovictl: partitions: '$tmp/ok.ini' is not a valid partition file|partitions $tmp/ok.ini"
 )
 # Root reads any file: the permission case only means something for others.
 if [ "$(id -u)" -ne 0 ]; then
@@ -78,6 +81,10 @@ grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=3,381=6 tovictl info:
 "${tool[@]}" time Australia/Sydney >"$tmp/out" 2>&1 || fail "tovictl time Australia/Sydney: status $?"
 grep -Eq '^zone: +Australia/Sydney \(AE[SD]T, UTC\+1[01]:00\)$' "$tmp/out" || fail "tovictl time: $(cat "$tmp/out")"
 [ "$(grep -Ec '^next: .* UTC  UTC\+1[01]:00$' "$tmp/out")" -eq 4 ] || fail "tovictl time: $(cat "$tmp/out")"
+# The NUMA nodes of a file, with the one this process uses marked.
+printf '[NUMA_PARTITION]\ncpu_num=4\nnuma_num=2\nnuma_0=0-1\nnuma_1=2-3,9\n[PROC_PARTITION]\nnuma_enable=true\nproc_numa_info=1\n' >"$tmp/numa.ini"
+"${tool[@]}" numa "$tmp/numa.ini" >"$tmp/out" 2>&1 || fail "tovictl numa: status $?"
+grep -qx 'node 1   used   2-3,9' "$tmp/out" || fail "tovictl numa: said '$(cat "$tmp/out")'"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))

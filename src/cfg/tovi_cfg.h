@@ -236,6 +236,53 @@ TOVI_API int32_t tovi_cfg_updateFileNode(CfgFileNode *pNode);
  * *ppTmpName set to the name (release with TOVI_FREE); -1 on failure. */
 TOVI_API int32_t tovi_cfg_create_tmpfile(const char *pFile, int32_t iFd, char **ppTmpName);
 
+/* ---- Custom setting items ----
+ * Named values (section, item, value) held by the platform below the
+ * library, read and written one request at a time through ioctls on
+ * "/proc/kar/syscall" (256 get, 257 set, 258 reload); nothing is cached.
+ * With the library's user-space companion (a stock host) the items live in
+ * the ini file TOVI_CST_FILE, or the file named by the environment variable
+ * TOVI_CST_FILE_ENV when it is set and not empty: read on every get, edited
+ * in place by a set (created with mode 0600 when missing, its directory must
+ * exist), names of letters, digits and '_' only; reload has nothing to
+ * reread there and succeeds. */
+#define TOVI_CST_FILE "/ZSR/conf/tovi_cst.ini"
+#define TOVI_CST_FILE_ENV "TOVI_CST_FILE"
+#define TOVI_CST_SECTION_LEN 35u  /* section field, NUL included */
+#define TOVI_CST_ITEM_LEN 33u     /* item name field, NUL included */
+#define TOVI_CST_VALUE_LEN 257u   /* item value field, NUL included */
+
+/** The request record of a get or a set (325 bytes, no padding). */
+typedef struct CstItemRequest {
+    char acSection[TOVI_CST_SECTION_LEN];
+    char acItemName[TOVI_CST_ITEM_LEN];
+    char acItemValue[TOVI_CST_VALUE_LEN]; /* used by a set only */
+} CstItemRequest;
+
+/** The reply record of a get (290 bytes). */
+typedef struct CstItemReply {
+    char acItemName[TOVI_CST_ITEM_LEN];
+    char acItemValue[TOVI_CST_VALUE_LEN];
+} CstItemReply;
+
+/** The ioctl argument: lengths 325/290 for a get, 325/0 for a set. */
+typedef struct CstMsgHeader {
+    uint32_t uiInLen;
+    uint32_t uiOutLen;
+    uint64_t ullReserved; /* 0 */
+    void *pIn;            /* CstItemRequest */
+    void *pOut;           /* CstItemReply, NULL for a set */
+} CstMsgHeader;
+
+/** Copies the item's value with its NUL into value (size bytes). 0; -1 on
+ * any failure (logged, except for a buffer too small for the value). */
+TOVI_API int32_t tovi_cst_getItem(const char *section, const char *itemName, char *value, uint32_t size);
+/** Sets the item (section at most 34, item name 32, value 256 characters).
+ * 0, or -1 (logged). */
+TOVI_API int32_t tovi_cst_setItem(const char *section, const char *itemName, const char *value);
+/** Asks the platform to reread its items. 0, or -1 (logged). */
+TOVI_API int32_t tovi_cst_reloadConfig(void);
+
 TOVI_EXTERN_C_END
 
 #endif

@@ -33,6 +33,14 @@ inline constexpr uint32_t kCmdTimeDstFromUtc = 0x103;
 inline constexpr uint32_t kCmdTimeDst = 0x104;
 // ioctl on /proc/kar/timezone: the zone's transition table (tovi_tz_table_s).
 inline constexpr unsigned long kIoctlTimezone = 902;
+inline constexpr uint32_t kCmdGetIdleNoCstates = 0x305;  // a1: CPU, a2: uint32_t out
+inline constexpr uint32_t kCmdSetIdleNoCstates = 0x306;  // a1: CPU, a2: uint32_t in
+inline constexpr uint32_t kCmdCpuTaskInfo = 0x307;       // a1: CPU, a2: the platform's record out
+
+// ioctl requests on "/proc/kar/syscall": the custom setting items.
+inline constexpr unsigned long kIoctlCstGet = 256;     // CstMsgHeader, 325 bytes in, 290 out
+inline constexpr unsigned long kIoctlCstSet = 257;     // CstMsgHeader, 325 bytes in
+inline constexpr unsigned long kIoctlCstReload = 258;  // no argument
 
 Backend backend();
 const char *backend_name();
@@ -82,6 +90,20 @@ long time_utc(long a1, long a2, long a3);
 long timezone_table_store(void *arg);
 // Forgets the stored table, so the process's own zone counts again.
 void timezone_table_reset();
+}  // namespace user
+
+// Processor controls of the user backend (tovi_companion_user_cpu.cpp).
+namespace user {
+long cpu_get_idle_no_cstates(long cpu, long value, long);
+long cpu_set_idle_no_cstates(long cpu, long value, long);
+long cpu_task_info(long cpu, long info, long);
+}  // namespace user
+
+// Custom setting items of the user backend (tovi_companion_user_cst.cpp).
+namespace user {
+long cst_get(void *header);
+long cst_set(void *header);
+long cst_reload(void *header);
 }  // namespace user
 
 }  // namespace tovi::companion

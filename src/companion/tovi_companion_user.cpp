@@ -112,6 +112,9 @@ constexpr Command kCommands[] = {
     {kCmdTimeUtc, time_utc},
     {kCmdTimeDstFromUtc, time_local_from_utc},
     {kCmdTimeDst, time_local},
+    {kCmdGetIdleNoCstates, cpu_get_idle_no_cstates},
+    {kCmdSetIdleNoCstates, cpu_set_idle_no_cstates},
+    {kCmdCpuTaskInfo, cpu_task_info},
 };
 
 // The control files of the kernel side and the ioctl requests served for
@@ -128,6 +131,9 @@ struct IoctlCommand {
 
 constexpr IoctlCommand kIoctls[] = {
     {"/proc/kar/timezone", kIoctlTimezone, timezone_table_store},
+    {"/proc/kar/syscall", kIoctlCstGet, cst_get},
+    {"/proc/kar/syscall", kIoctlCstSet, cst_set},
+    {"/proc/kar/syscall", kIoctlCstReload, cst_reload},
 };
 
 }  // namespace

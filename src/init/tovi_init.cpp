@@ -7,7 +7,10 @@
 
 #include <safe_str_lib.h>
 
+#include "tovi_affinity.h"
 #include "tovi_bitop.h"
+#include "tovi_cpu.h"
+#include "tovi_cpumask.h"
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
 #define TOVI_LOG_SOURCE "tovi_init"
@@ -60,8 +63,11 @@ constexpr StartStep kStartSteps[] = {
     {tovi_thrd_setpid_accl, nullptr, false},
     {tovi_sched_init, nullptr, false},
     {[]() -> uint32_t { return sched_work_init() == 0 ? 0u : TOVI_ERR; }, "Tovi schedWork initialize failed.", true},
+    {[]() -> uint32_t { return static_cast<uint32_t>(cpumask_init()); }, nullptr, false},
+    {[]() -> uint32_t { return static_cast<uint32_t>(globalCpuNum_init()); }, nullptr, false},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
     {tovi_thrd_module_init, nullptr, false},
+    {[]() -> uint32_t { return tovi_affinity_init() == 0 ? 0u : TOVI_ERR; }, "Tovi affinity initialize failed.", false},
     {[]() -> uint32_t { return tovi_timer_module_init() == 0 ? 0u : TOVI_ERR; }, "Tovi timer initialize failed.", true},
     {tovi_symbol_init, nullptr, false},
     {tovi_crc32_init, nullptr, false},

@@ -15,6 +15,7 @@
 #include <safe_mem_lib.h>
 #include <safe_str_lib.h>
 
+#include "tovi_cpu.h"
 #include "tovi_cpumask.h"
 #define TOVI_LOG_SOURCE "tovi_thrd"
 #include "tovi_log.hpp"
@@ -99,9 +100,11 @@ uint32_t cpuset_bytes()
     uint32_t bytes = g_cpuset_bytes.load(std::memory_order_relaxed);
     if (bytes != 0)
         return bytes;
-    // Concurrent first calls compute the same value.
-    long n = sysconf(_SC_NPROCESSORS_CONF);
-    uint32_t count = n >= 1 && n <= 256 ? static_cast<uint32_t>(n) : 1024;
+    // Concurrent first calls compute the same value. No count (a host with
+    // more CPUs than a mask holds) means the whole set.
+    uint32_t count = num_config_cpus();
+    if (count == 0)
+        count = TOVI_CPUSET_WORDS * 64;
     bytes = (count + 7) / 8;
     if (bytes > kSetBytes)
         bytes = kSetBytes;

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "tovi_affinity.h"
 #include "tovi_hr_timer.h"
 #include "tovi_hr_timer.hpp"
 #include "tovi_histogram.hpp"
@@ -23,10 +24,6 @@
 
 #define TOVI_LOG_SOURCE "tovi_hr_timer"
 #include "tovi_log.hpp"
-
-// Binding to the configured affinity level belongs to the affinity module;
-// until a process has it, the thread stays where it was started.
-extern "C" uint32_t tovi_set_thread_affinity(pthread_t thread, const char *name) __attribute__((weak));
 
 namespace {
 
@@ -243,7 +240,7 @@ void hr_timer_module_init()
     }
     g_hr.threadId = id;
     __atomic_store_n(&g_hr.hrTimerState, kRunning, __ATOMIC_RELEASE);  // pairs with inited()
-    if (tovi_set_thread_affinity != nullptr && tovi_set_thread_affinity(id, kAffinityLevel) != 0)
+    if (tovi_set_thread_affinity(id, kAffinityLevel) != 0)
         TOVI_LOG(kInfo, "set thread affinity failed, tid(%lu), affinity_level(%s).", static_cast<unsigned long>(id),
                  kAffinityLevel);
     TOVI_LOG(kInfo, "tovi hr timer inited OK.");

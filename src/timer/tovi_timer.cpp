@@ -6,16 +6,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "tovi_affinity.h"
 #include "tovi_hr_timer.h"
 #define TOVI_LOG_SOURCE "tovi_timer"
 #include "tovi_log.hpp"
 #include "tovi_thread.h"
 #include "tovi_time.h"
 #include "tovi_timer.hpp"
-
-// Binding to the configured affinity level belongs to the affinity module;
-// until a process has it, the timer thread stays where it was started.
-extern "C" uint32_t tovi_set_thread_affinity(pthread_t thread, const char *name) __attribute__((weak));
 
 namespace {
 
@@ -146,7 +143,7 @@ int tovi_timer_module_init(void)
     }
     g_root.threadId = id;
     __atomic_store_n(&timerNotInited, 0, __ATOMIC_RELEASE);  // publishes the root; pairs with inited()
-    if (tovi_set_thread_affinity != nullptr && tovi_set_thread_affinity(id, kAffinityLevel) != 0)
+    if (tovi_set_thread_affinity(id, kAffinityLevel) != 0)
         TOVI_LOG(kInfo, "set thread affinity failed, tid(%lu), affinity_level(%s).", static_cast<unsigned long>(id),
                  kAffinityLevel);
     pthread_mutex_unlock(&g_init_mutex);

@@ -337,6 +337,8 @@ int tovictl_cfg(int argc, char **argv);
 int tovictl_work(int argc, char **argv);
 int tovictl_net(int argc, char **argv);
 int tovictl_time(int argc, char **argv);
+int tovictl_numa(int argc, char **argv);
+int tovictl_partitions(int argc, char **argv);
 
 namespace {
 
@@ -352,6 +354,8 @@ const Command kCommands[] = {
     {"work", "work [-n COUNT]      the work pool's and hr timers' counters under a sample load", tovictl_work},
     {"net", "net IFNAME           addresses, recorded rules and routes of an interface; the sshd port", tovictl_net},
     {"time", "time [ZONE]          UTC, local time, zone, DST and the zone table's next transitions", tovictl_time},
+    {"numa", "numa [FILE]          the system CPU masks and the NUMA nodes of FILE (default: the platform's)", tovictl_numa},
+    {"partitions", "partitions [FILE]    the CPU partition table of FILE (default: the platform's)", tovictl_partitions},
 };
 
 int usage(FILE *out, int code)
