@@ -48,6 +48,9 @@ set(names
   sshd/tovi_sshd.cpp=tovi_sshd
   semaphore/tovi_semaphore.cpp=tovi_sem_enhance
   symbol/tovi_symbol.cpp=tovi_symbol
+  syscall/tovi_syscall.cpp=nubo_syscall_main
+  syscall/tovi_syscall_server.cpp=nubo_syscall_kernel
+  syscall/tovi_syscall_client.cpp=nubo_syscall_linux_user
   time/tovi_time.cpp=tovi_time
   timer/tovi_timer.cpp=tovi_timer
   timer/tovi_timer_wheel.cpp=tovi_timer_wheel)
