@@ -32,10 +32,12 @@ set(names
   companion/tovi_companion_user.cpp=tovi_companion_user
   cpumask/tovi_cpumask.cpp=tovi_cpumask
   hash/tovi_hash.cpp=tovi_hash
+  hugepages/tovi_hugepages.cpp=tovi_hugepages
   init/tovi_init.cpp=tovi_init
   list/tovi_list.cpp=tovi_list
   lock/tovi_lock.cpp=tovi_lock
   mem/tovi_mem.cpp=tovi_mem
+  mem/tovi_mem_info.cpp=tovi_mem
   percpu_posix/tovi_percpu_posix.cpp=tovi_percpu_posix
   queue/tovi_queue.cpp=tovi_ring
   sched/tovi_sched.cpp=tovi_sched

@@ -16,6 +16,7 @@
 #include "child.hpp"
 #include "log_capture.hpp"
 #include "poll.hpp"
+#include "shell_recorder.hpp"
 #include "tovi_cfg.h"
 #include "tovi_syscall.h"
 #include "tovi_syscall.hpp"
@@ -140,7 +141,7 @@ int server_threads()
 TEST(Syscall, ServerLifeCycleWithHostilePeers)
 {
     in_private_net([]() -> std::string {
-        const int fds_before = [] { int n = 0; DIR *d = opendir("/proc/self/fd"); while (readdir(d)) ++n; closedir(d); return n; }();
+        const int fds_before = open_fds();
         CHILD_CHECK(NUBO_SysCall(0x1401, nullptr) == -1);  // nobody listens yet
         CHILD_CHECK(NUBO_RegSysCall(20, kGroup20, 2) == 0 && NUBO_PrivateSysCallInit() == 0 && NUBO_PrivateSysCallIntfInit() == 0);
         LogCapture cap;
@@ -168,6 +169,9 @@ TEST(Syscall, ServerLifeCycleWithHostilePeers)
             int status = -1;
             CHILD_CHECK(waitpid(pid, &status, 0) == pid && status == 0 && cap.contains("Syscall connection of uid 65534 refused."));
         }
+        uid_t diag = 1, proc = 1;  // both ways of finding a peer's owner agree
+        CHILD_CHECK(tovi::syscall::peer_uid(stalled, &diag) == 0 && tovi::syscall::peer_uid(stalled, &proc, true) == 0 &&
+                    diag == geteuid() && proc == diag);
         CHILD_CHECK(wait_for([] { return server_threads() == 3; }));  // the accept thread, our client's and the stalled worker
         NUBO_PrivateSysCallIntfExit();
         CHILD_CHECK(wait_for([] { return server_threads() == 0; }));
@@ -177,18 +181,18 @@ TEST(Syscall, ServerLifeCycleWithHostilePeers)
         CHILD_CHECK(NUBO_PrivateSysCallInit() == 0 && NUBO_SysCall(0x1401, &c) == 1);  // and starts afresh
         NUBO_PrivateSysCallIntfExit();
         CHILD_CHECK(NUBO_SysCall(0x1401, &c) == -1);
-        const int fds_after = [] { int n = 0; DIR *d = opendir("/proc/self/fd"); while (readdir(d)) ++n; closedir(d); return n; }();
-        CHILD_CHECK(fds_after == fds_before && server_threads() == 0);
+        CHILD_CHECK(open_fds() == fds_before && wait_for([] { return server_threads() == 0; }));
         return "";
     });
 }
 
-// The connection bound comes from the library's settings; excess connections are closed at once.
-TEST(Syscall, ConnectionsBeyondTheBoundAreClosed)
+// The connection bound and the stall limit come from the library's settings; excess connections are closed at
+// once, one that stalls inside a message after the limit.
+TEST(Syscall, ConnectionsBeyondTheBoundOrStalledAreClosed)
 {
     in_private_net([]() -> std::string {
         const std::string ini = "/tmp/tovi_syscall_test_" + std::to_string(getpid()) + ".ini";
-        CHILD_CHECK(write_file(ini, "[TOVI]\nSYSCALL_MAX_CONNECTIONS=2\n") && tovi_cfg_init_ex(ini.c_str()) == 0);
+        CHILD_CHECK(write_file(ini, "[TOVI]\nSYSCALL_MAX_CONNECTIONS=2\nSYSCALL_STALL_MS=100\n") && tovi_cfg_init_ex(ini.c_str()) == 0);
         unlink(ini.c_str());
         LogCapture cap;
         CHILD_CHECK(NUBO_RegSysCall(20, kGroup20, 2) == 0 && NUBO_PrivateSysCallInit() == 0);
@@ -196,6 +200,12 @@ TEST(Syscall, ConnectionsBeyondTheBoundAreClosed)
         CHILD_CHECK(raw_call(a, 0x1401, 0, 0) == 1 && raw_call(b, 0x1401, 0, 0) == 1 && raw_call(c, 0x1401, 0, 0) == -2);
         close(a);
         CHILD_CHECK(wait_for([&] { int d = raw_connect(); bool ok = raw_call(d, 0x1401, 0, 0) == 1; close(d); return ok; }));
+        usleep(300000);  // idling between messages is allowed
+        char h[32] = {1, 0x14}, got = 0;
+        CHILD_CHECK(send(b, h, 32, 0) == 32 && recv(b, h, 32, 0) == 32);
+        const auto start = std::chrono::steady_clock::now();
+        CHILD_CHECK(send(b, h, 31, 0) == 31 && recv(b, &got, 1, 0) == 0);  // a header one byte short: closed after the limit
+        CHILD_CHECK(std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(100));
         close(b);
         close(c);
         NUBO_PrivateSysCallIntfExit();

@@ -5,7 +5,7 @@
 // up there.
 #include <array>
 #include <cerrno>
-#include <mutex>
+#include <pthread.h>
 #include <utility>
 #include <cstring>
 #include <climits>
@@ -208,8 +208,8 @@ long control_ioctl(const char *path, unsigned long request, void *arg)
 
 long syscall(uint32_t cmd, long a1, long a2, long a3)
 {
-    static std::once_flag registered;
-    std::call_once(registered, register_commands);
+    static pthread_once_t registered = PTHREAD_ONCE_INIT;
+    pthread_once(&registered, register_commands);
     const tovi_syscall_entry_s *entry = tovi::syscall::find(cmd);
     InProcessCall args{&g_in_process_tag, a1, a2, a3, -1};
     auto *block = reinterpret_cast<uint8_t *>(&args);

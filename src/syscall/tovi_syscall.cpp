@@ -77,12 +77,12 @@ int send_all(int fd, const void *buf, size_t len)
     return 0;
 }
 
-int recv_all(int fd, void *buf, size_t len, int stall_ms)
+int recv_all(int fd, void *buf, size_t len, int stall_ms, bool idle_first)
 {
     auto *p = static_cast<char *>(buf);
     bool started = false;
     while (len > 0) {
-        if (started && stall_ms > 0) {
+        if (stall_ms > 0 && (started || !idle_first)) {
             pollfd pfd{fd, POLLIN, 0};
             int ready = ::poll(&pfd, 1, stall_ms);
             if (ready < 0 && errno == EINTR)

@@ -29,8 +29,9 @@
  * user (looked up through the kernel's socket-diagnostics interface); other
  * users' connections are closed unless the setting SYSCALL_ALLOW_OTHER_USERS
  * of section "TOVI" is 1. SYSCALL_MAX_CONNECTIONS (default 64) bounds the
- * connections served at once; excess ones are closed at once. A request
- * that stalls inside a message for more than 10 s loses its connection.
+ * connections served at once; excess ones are closed at once. A peer that
+ * stalls inside a message for more than SYSCALL_STALL_MS milliseconds
+ * (default 10000) loses its connection.
  *
  * Direct and indirect handlers are called alike, with the command number
  * and the call record. Registration is meant for start-up: a group may be
@@ -57,7 +58,7 @@ TOVI_EXTERN_C_BEGIN
 #define TOVI_SYSCALL_REPLY_MAX 0x100000u /* a longer reply ends the connection */
 #define TOVI_SYSCALL_MAX_CONNECTIONS 64u /* default bound of served connections */
 
-/* What a handler receives. */
+/** What a handler receives: its input, and the output buffer it fills. */
 typedef struct tovi_syscall_call_s {
     uint32_t uiInLen;     /* bytes at pucInBuf */
     uint32_t uiOutBufLen; /* capacity of pucOutBuf */
@@ -66,10 +67,10 @@ typedef struct tovi_syscall_call_s {
     uint8_t *pucOutBuf;
 } tovi_syscall_call_s;
 
-/* A handler: the command number and the call record; returns its result. */
+/** A handler: the command number and the call record; returns its result. */
 typedef int32_t (*tovi_syscall_fn)(uint32_t cmd, tovi_syscall_call_s *call);
 
-/* One command of a group. */
+/** One command of a group, as registered. */
 typedef struct tovi_syscall_entry_s {
     uint32_t uiCmd;  /* (group << 8) | operation */
     uint32_t uiType; /* TOVI_SYSCALL_DIRECT or TOVI_SYSCALL_INDIRECT */
@@ -98,9 +99,9 @@ TOVI_API int32_t NUBO_PrivateSysCallInit(void);
 /** The same as NUBO_PrivateSysCallInit. */
 TOVI_API int32_t NUBO_SyscallInit(void);
 
-/** Starts the server thread: 0, or -1 when it could not be started. A
- * second call while the server runs returns 0. The socket is bound by the
- * thread, which logs when that fails and then ends. */
+/** Binds 127.0.0.1 port 5583 and starts the server thread: 0, or -1 when
+ * the socket could not be bound (logged) or the thread not started. A
+ * second call while the server runs returns 0. */
 TOVI_API int32_t NUBO_PrivateSysCallIntfInit(void);
 
 /** Stops the server: closes the listening socket and every connection,

@@ -27,11 +27,11 @@ WireHeader decode(const unsigned char in[kWireHeaderLen]);
 
 // Sends or receives exactly `len` bytes, retrying after signals; sending
 // never raises SIGPIPE. 0, or -1 with errno (0 when the peer closed first).
-// A positive `stall_ms` bounds the wait for each further piece once the
-// first byte has come: a peer that stalls inside a message fails with
-// ETIMEDOUT.
+// A positive `stall_ms` bounds the wait for each piece (with `idle_first`:
+// for each piece after the first byte, so that a connection may idle between
+// messages): a peer that stalls inside a message fails with ETIMEDOUT.
 int send_all(int fd, const void *buf, size_t len);
-int recv_all(int fd, void *buf, size_t len, int stall_ms = 0);
+int recv_all(int fd, void *buf, size_t len, int stall_ms = 0, bool idle_first = false);
 
 // The registry without its progress messages, for the companion, which
 // registers its groups at its own first use. Same results as the exported
@@ -41,9 +41,10 @@ int32_t register_group(uint32_t group, const tovi_syscall_entry_s *calls, uint32
 const tovi_syscall_entry_s *find(uint32_t cmd);
 
 // The owner of the TCP socket at the other end of the connected socket fd,
-// asked of the kernel's socket diagnostics (both ends in this network
+// asked of the kernel's socket diagnostics, or read from /proc/net/tcp when
+// they cannot be opened or `from_proc` asks for it (both ends in this network
 // namespace). 0, or a negated errno.
-int peer_uid(int fd, uid_t *uid);
+int peer_uid(int fd, uid_t *uid, bool from_proc = false);
 
 // The server's bounds, read from section "TOVI" when the server starts.
 struct ServerLimits {

@@ -7,8 +7,8 @@
 //    payload is read and dropped up to 1 MiB, beyond that the connection is
 //    closed; a handler's output beyond the buffer is never sent;
 //  - a worker holds no lock while it reads: a peer that stalls only holds
-//    its own connection, and loses it after 10 s of silence inside a
-//    message;
+//    its own connection, and loses it after SYSCALL_STALL_MS (10 s) of
+//    silence inside a message;
 //  - at most SYSCALL_MAX_CONNECTIONS connections are served at once;
 //  - only sockets of the server's own effective user are served unless
 //    SYSCALL_ALLOW_OTHER_USERS is 1.
@@ -143,7 +143,7 @@ void *worker(void *arg)
     }
     for (;;) {
         unsigned char head[kWireHeaderLen];
-        if (recv_all(fd, head, sizeof head, stall_ms) != 0 || !serve(fd, decode(head), in, out, stall_ms))
+        if (recv_all(fd, head, sizeof head, stall_ms, true) != 0 || !serve(fd, decode(head), in, out, stall_ms))
             return nullptr;
     }
 }
@@ -270,6 +270,8 @@ ServerLimits server_limits()
     const uint64_t max = setting("SYSCALL_MAX_CONNECTIONS", TOVI_SYSCALL_MAX_CONNECTIONS);
     limits.max_connections = max == 0 || max > 4096 ? TOVI_SYSCALL_MAX_CONNECTIONS : static_cast<uint32_t>(max);
     limits.allow_other_users = setting("SYSCALL_ALLOW_OTHER_USERS", 0) == 1;
+    const uint64_t stall = setting("SYSCALL_STALL_MS", 10000);
+    limits.stall_ms = stall < 100 || stall > 600000 ? 10000 : static_cast<int>(stall);
     return limits;
 }
 
