@@ -168,7 +168,12 @@ void register_commands()
         for (size_t i = 0; i < kCommandCount; ++i)
             if (kCommands[i].cmd >> 8 == group)
                 calls[n++] = {kCommands[i].cmd, TOVI_SYSCALL_DIRECT, kEntries[i]};
-        if (n > 0 && tovi::syscall::register_group(group, calls, n, false) != 0)
+        int32_t ret = -1;
+        try {
+            ret = n > 0 ? tovi::syscall::register_group(group, calls, n, false) : 0;
+        } catch (...) {
+        }
+        if (ret != 0)
             TOVI_LOG(log::kError, "Companion commands of group %u are not served: the group is taken.", group);
     }
 }

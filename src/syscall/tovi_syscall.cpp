@@ -197,17 +197,21 @@ int32_t NUBO_CheckGroupCalls(uint32_t group, const tovi_syscall_entry_s *calls, 
 }
 
 int32_t NUBO_RegSysCall(uint32_t group, const tovi_syscall_entry_s *calls, uint32_t count)
-{
+try {
     return syscall::register_group(group, calls, count, true);
+} catch (...) {
+    return -1;
 }
 
 int32_t NUBO_UnRegSysCall(uint32_t group)
-{
+try {
     if (syscall::group_too_large(group))
         return -1;
     std::lock_guard<std::mutex> guard(syscall::g_writers);
-    std::free(syscall::g_groups[group].exchange(nullptr, std::memory_order_acq_rel));
+    std::free(syscall::g_groups[group].exchange(nullptr, std::memory_order_acq_rel));  // pairs with R1: readers see the slot empty
     return 0;
+} catch (...) {
+    return -1;
 }
 
 const tovi_syscall_entry_s *NUBO_FindSysCall(uint32_t cmd)

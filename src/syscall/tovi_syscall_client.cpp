@@ -107,6 +107,10 @@ int32_t call_locked(uint32_t cmd, tovi_syscall_call_s *call)
 
 extern "C" int32_t NUBO_SysCall(uint32_t cmd, tovi_syscall_call_s *call)
 {
-    std::lock_guard<std::mutex> guard(tovi::syscall::g_client_mutex);
-    return tovi::syscall::call_locked(cmd, call);
+    try {
+        std::lock_guard<std::mutex> guard(tovi::syscall::g_client_mutex);
+        return tovi::syscall::call_locked(cmd, call);
+    } catch (...) {
+        return -1;
+    }
 }

@@ -327,7 +327,7 @@ int32_t NUBO_SyscallInit(void)
 }
 
 void NUBO_PrivateSysCallIntfExit(void)
-{
+try {
     std::unique_lock<std::mutex> lock(g_server.mutex);
     if (!g_server.running || g_server.stopping)
         return;
@@ -340,6 +340,7 @@ void NUBO_PrivateSysCallIntfExit(void)
     g_server.listen_fd = -1;
     g_server.running = false;
     g_server.stopping = false;
+} catch (...) {
 }
 
 }  // extern "C"
