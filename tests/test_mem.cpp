@@ -130,9 +130,11 @@ TEST(Mem, PageProtectionAndCacheRelease)
 {
     const uint64_t page = tovi_get_sys_page_size();
     EXPECT_EQ(page, static_cast<uint64_t>(sysconf(_SC_PAGESIZE)));
-    auto *p = static_cast<char *>(mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(p, MAP_FAILED);
-    munmap(p + 2 * page, page);  // a hole after two pages
+    auto *base = static_cast<char *>(mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(base, MAP_FAILED);
+    char *p = base + page;  // two pages between an inaccessible one and a hole: never merged with a neighbour
+    mprotect(base, page, PROT_NONE);
+    munmap(p + 2 * page, page);
     auto modes = [&] {
         std::string maps = "\n" + tovi::test::read_file("/proc/self/maps"), got;
         for (char *at : {p, p + page}) {
@@ -160,7 +162,7 @@ TEST(Mem, PageProtectionAndCacheRelease)
     snprintf(text, sizeof text, "Set memory protection fail, addr(%p) len(%llu) errno(12).", static_cast<void *>(p + page),
              static_cast<unsigned long long>(page + 1));
     EXPECT_EQ(cap.texts(3), (std::vector<std::string>{"Param error: addr((nil)) len(1).", zero, text}));
-    munmap(p, 2 * page);
+    munmap(base, 3 * page);
     tovi::test::ShellRecorder shell;
     shell.status["sync;echo 3 > /proc/sys/vm/drop_caches;"] = 0x100;
     EXPECT_EQ(tovi_release_mem(), 0x100);
