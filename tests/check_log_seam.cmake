@@ -38,10 +38,12 @@ set(names
   cpumask/tovi_cpumask_numa.cpp=tovi_numa
   cpumask/tovi_cpumask_partition.cpp=tovi_cpumask
   hash/tovi_hash.cpp=tovi_hash
+  hugepages/tovi_hugepages.cpp=tovi_hugepages
   init/tovi_init.cpp=tovi_init
   list/tovi_list.cpp=tovi_list
   lock/tovi_lock.cpp=tovi_lock
   mem/tovi_mem.cpp=tovi_mem
+  mem/tovi_mem_info.cpp=tovi_mem
   percpu_posix/tovi_percpu_posix.cpp=tovi_percpu_posix
   queue/tovi_queue.cpp=tovi_ring
   sched/tovi_sched.cpp=tovi_sched
@@ -54,6 +56,9 @@ set(names
   sshd/tovi_sshd.cpp=tovi_sshd
   semaphore/tovi_semaphore.cpp=tovi_sem_enhance
   symbol/tovi_symbol.cpp=tovi_symbol
+  syscall/tovi_syscall.cpp=nubo_syscall_main
+  syscall/tovi_syscall_server.cpp=nubo_syscall_kernel
+  syscall/tovi_syscall_client.cpp=nubo_syscall_linux_user
   time/tovi_time.cpp=tovi_time
   time/tovi_time_calendar.cpp=tovi_time
   time/tovi_time_table.cpp=tovi_time

@@ -6,9 +6,14 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
 #include <thread>
 
+#include "child.hpp"
 #include "log_capture.hpp"
+#include "shell_recorder.hpp"
 #include "tovi_mem.h"
 
 using tovi::test::LogCapture;
@@ -86,4 +91,80 @@ TEST(Mem, CountersStayExactUnderConcurrentUse)
         });
     threads.clear();
     EXPECT_EQ(shown(), kNothing);
+}
+
+// The figures come from a fake /proc/meminfo bound over the real one in a private mount namespace.
+TEST(Mem, MachineFiguresFromMeminfo)
+{
+    std::string failure = tovi::test::report_from_child([]() -> std::string {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0 || !tovi::test::write_file("/tmp/meminfo", "") ||
+            mount("/tmp/meminfo", "/proc/meminfo", nullptr, MS_BIND, nullptr) != 0)
+            return "SKIP";
+        struct {
+            const char *text;
+            uint64_t total, free;
+            uint32_t usage;
+        } cases[] = {
+            {"MemTotal:    1000 kB\nMemFree:  250 kB\nMemAvailable:  400 kB\n", 1000, 250, 60},
+            {"MemFree: 7 kB\nMemTotal: 3 kB\nMemAvailable: 1 kB\n", 3, 7, 66},  // any order; rounded down
+            {"MemTotalX: 5 kB\nMemFreeish: 7 kB\nMemTotal: 100 kB\n", 100, 0, TOVI_ERR},  // a longer key is another key
+            {"MemTotal: 100 kB\nMemAvailable: 200 kB\n", 100, 0, TOVI_ERR},
+            {"MemTotal: 0 kB\nMemAvailable: 0 kB\n", 0, 0, TOVI_ERR},
+        };
+        for (const auto &c : cases) {
+            CHILD_CHECK(tovi::test::write_file("/tmp/meminfo", c.text));
+            CHILD_CHECK(tovi_get_total_mem() == c.total && tovi_get_free_mem() == c.free && tovi_get_available_usage() == c.usage);
+        }
+        LogCapture cap;
+        CHILD_CHECK(umount("/proc/meminfo") == 0 && mount("tmpfs", "/proc", "tmpfs", 0, nullptr) == 0 && tovi_get_total_mem() == 0);
+        return cap.texts(3) == std::vector<std::string>{"Open /proc/meminfo fail, errno<2>."} ? "" : cap.texts(3).front();
+    });
+    if (failure == "SKIP")
+        GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(failure, "");
+}
+
+// Whole pages change protection (as the process's own map shows); the cache release runs its one command.
+TEST(Mem, PageProtectionAndCacheRelease)
+{
+    const uint64_t page = tovi_get_sys_page_size();
+    EXPECT_EQ(page, static_cast<uint64_t>(sysconf(_SC_PAGESIZE)));
+    auto *base = static_cast<char *>(mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(base, MAP_FAILED);
+    char *p = base + page;  // two pages between an inaccessible one and a hole: never merged with a neighbour
+    mprotect(base, page, PROT_NONE);
+    munmap(p + 2 * page, page);
+    auto modes = [&] {
+        std::string maps = "\n" + tovi::test::read_file("/proc/self/maps"), got;
+        for (char *at : {p, p + page}) {
+            char key[32];
+            snprintf(key, sizeof key, "\n%lx-", reinterpret_cast<unsigned long>(at));
+            size_t line = maps.find(key);
+            got += line == std::string::npos ? "?" : maps.substr(maps.find(' ', line) + 1, 3);  // this page opens a mapping
+            got += ' ';
+        }
+        return got;
+    };
+    LogCapture cap;
+    EXPECT_EQ(tovi_setmemory_ro(p + 10, 1), 0u);
+    EXPECT_EQ(modes(), "r-- rw- ");
+    EXPECT_EQ(tovi_setmemory_ro(p + page - 1, 2), 0u);  // straddles both
+    EXPECT_EQ(modes(), "r-- ? ");                       // one read-only mapping now
+    EXPECT_EQ(tovi_setmemory_rw(p + page, 1), 0u);
+    EXPECT_EQ(modes(), "r-- rw- ");
+    EXPECT_EQ(tovi_setmemory_rw(p, 2 * page), 0u);
+    EXPECT_EQ(modes(), "rw- ? ");
+    EXPECT_EQ((std::vector<uint32_t>{tovi_setmemory_ro(nullptr, 1), tovi_setmemory_rw(p, 0), tovi_setmemory_ro(p + page, page + 1)}),
+              (std::vector<uint32_t>{TOVI_ERR, TOVI_ERR, TOVI_ERR}));
+    char zero[64], text[128];
+    snprintf(zero, sizeof zero, "Param error: addr(%p) len(0).", static_cast<void *>(p));
+    snprintf(text, sizeof text, "Set memory protection fail, addr(%p) len(%llu) errno(12).", static_cast<void *>(p + page),
+             static_cast<unsigned long long>(page + 1));
+    EXPECT_EQ(cap.texts(3), (std::vector<std::string>{"Param error: addr((nil)) len(1).", zero, text}));
+    munmap(base, 3 * page);
+    tovi::test::ShellRecorder shell;
+    shell.status["sync;echo 3 > /proc/sys/vm/drop_caches;"] = 0x100;
+    EXPECT_EQ(tovi_release_mem(), 0x100);
+    EXPECT_EQ(shell.commands, std::vector<std::string>{"sync;echo 3 > /proc/sys/vm/drop_caches;"});
 }

@@ -42,7 +42,13 @@ cases=(
   "2|tovictl: numa: usage: tovictl numa \[FILE\]|numa a b"
   "1|tovictl: partitions: cannot read '$tmp/none'|partitions $tmp/none"
   "1|tovictl: partitions: '$tmp/ok.ini' is not a valid partition file|partitions $tmp/ok.ini"
+  "2|tovictl: syscall: usage: tovictl syscall CMD \[HEX\]|syscall"
+  "2|tovictl: syscall: CMD must be a number below 0x2000, not '0x2000'|syscall 0x2000"
+  "2|tovictl: syscall: CMD must be a number below 0x2000, not '-1'|syscall -1"
+  "2|tovictl: syscall: HEX must be pairs of hex digits, at most 510 bytes, not '0g'|syscall 0x401 0g"
+  "2|tovictl: syscall: HEX must be pairs of hex digits, at most 510 bytes, not 'abc'|syscall 1 abc"
 )
+
 # Root reads any file: the permission case only means something for others.
 if [ "$(id -u)" -ne 0 ]; then
   cases+=("3|tovictl: cfg: $tmp/locked.ini: cannot read: Permission denied|cfg dump $tmp/locked.ini"
@@ -58,6 +64,14 @@ for c in "${cases[@]}"; do
   [ "$(wc -l <"$tmp/err")" -eq 1 ] || fail "tovictl $args: $(wc -l <"$tmp/err") lines on standard error"
   grep -Eqx -- "$msg" "$tmp/err" || fail "tovictl $args: said '$(cat "$tmp/err")'"
 done
+
+# Nobody serves private system calls in a network namespace of our own (the host's port is left alone).
+if unshare -n true 2>/dev/null; then
+  unshare -n "${tool[@]}" syscall 0x401 >"$tmp/out" 2>"$tmp/err"
+  got=$?
+  [ "$got" -eq 1 ] && [ ! -s "$tmp/out" ] && grep -Eqx 'tovictl: syscall: no server on 127\.0\.0\.1 port 5583: .+' "$tmp/err" ||
+    fail "tovictl syscall without a server: status $got, said '$(cat "$tmp/err")'"
+fi
 
 # The demo: every timer fires, nothing goes wrong, and only the tool speaks.
 env -u VRLOG_LEVEL "${tool[@]}" demo >"$tmp/out" 2>&1 || fail "tovictl demo: status $?"

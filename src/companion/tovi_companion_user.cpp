@@ -1,8 +1,12 @@
 // User-space backend of the companion: serves the private system call
 // commands inside the process on hosts without the platform kernel. Each
-// command is one handler in the table below.
+// command is one handler in the table below; at first use the table is
+// registered in the private-system-call registry, and every call is looked
+// up there.
 #include <array>
 #include <cerrno>
+#include <pthread.h>
+#include <utility>
 #include <cstring>
 #include <climits>
 #include <ctime>
@@ -11,6 +15,7 @@
 #include <unistd.h>
 
 #include "tovi_companion.hpp"
+#include "tovi_syscall.hpp"
 #define TOVI_LOG_SOURCE "tovi_companion_user"
 #include "tovi_log.hpp"
 
@@ -117,6 +122,70 @@ constexpr Command kCommands[] = {
     {kCmdCpuTaskInfo, cpu_task_info},
 };
 
+// The registry's groups are 0 to 31.
+static_assert([] {
+    for (const Command &c : kCommands)
+        if (c.cmd >> 8 >= TOVI_SYSCALL_GROUPS)
+            return false;
+    return true;
+}(), "companion commands must fit the private-system-call registry");
+
+// What an in-process call hands its registry entry: the arguments are
+// addresses of this process, so the block starts with the address of a
+// private object that no request arriving over the loopback wire can carry
+// by accident; an entry refuses any other input.
+char g_in_process_tag;
+
+struct InProcessCall {
+    const void *tag;
+    long a1, a2, a3;
+    long result;
+};
+
+template <size_t I>
+int32_t serve_entry(uint32_t, tovi_syscall_call_s *call)
+{
+    InProcessCall args;
+    if (call->uiInLen != sizeof args || call->pucOutBuf != call->pucInBuf)
+        return -1;
+    __builtin_memcpy(&args, call->pucInBuf, sizeof args);
+    if (args.tag != &g_in_process_tag)
+        return -1;
+    args.result = kCommands[I].handler(args.a1, args.a2, args.a3);
+    __builtin_memcpy(call->pucOutBuf, &args, sizeof args);
+    call->uiOutLen = sizeof args;
+    return 0;
+}
+
+template <size_t... I>
+constexpr std::array<tovi_syscall_fn, sizeof...(I)> entries_of(std::index_sequence<I...>)
+{
+    return {serve_entry<I>...};
+}
+
+constexpr size_t kCommandCount = sizeof kCommands / sizeof kCommands[0];
+constexpr auto kEntries = entries_of(std::make_index_sequence<kCommandCount>());
+
+// Registers the table group by group. A group an application registered
+// first keeps its handlers: those commands of ours are then not served.
+void register_commands()
+{
+    for (uint32_t group = 0; group < TOVI_SYSCALL_GROUPS; ++group) {
+        tovi_syscall_entry_s calls[kCommandCount];
+        uint32_t n = 0;
+        for (size_t i = 0; i < kCommandCount; ++i)
+            if (kCommands[i].cmd >> 8 == group)
+                calls[n++] = {kCommands[i].cmd, TOVI_SYSCALL_DIRECT, kEntries[i]};
+        int32_t ret = -1;
+        try {
+            ret = n > 0 ? tovi::syscall::register_group(group, calls, n, false) : 0;
+        } catch (...) {
+        }
+        if (ret != 0)
+            TOVI_LOG(log::kError, "Companion commands of group %u are not served: the group is taken.", group);
+    }
+}
+
 // The control files of the kernel side and the ioctl requests served for
 // them, one handler per (file, request).
 constexpr const char *kControlFiles[] = {"/proc/kar/syscall", "/proc/kar/timezone"};
@@ -157,11 +226,17 @@ long control_ioctl(const char *path, unsigned long request, void *arg)
 
 long syscall(uint32_t cmd, long a1, long a2, long a3)
 {
-    for (const Command &c : kCommands)
-        if (c.cmd == cmd)
-            return c.handler(a1, a2, a3);
-    errno = ENOSYS;
-    return -1;
+    static pthread_once_t registered = PTHREAD_ONCE_INIT;
+    pthread_once(&registered, register_commands);
+    const tovi_syscall_entry_s *entry = tovi::syscall::find(cmd);
+    InProcessCall args{&g_in_process_tag, a1, a2, a3, -1};
+    auto *block = reinterpret_cast<uint8_t *>(&args);
+    tovi_syscall_call_s call{sizeof args, sizeof args, 0, block, block};
+    if (entry == nullptr || entry->pfnSysCall(cmd, &call) != 0 || call.uiOutLen != sizeof args) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return args.result;
 }
 
 }  // namespace tovi::companion::user

@@ -61,6 +61,35 @@ TOVI_API uint32_t tovi_mem_stat_dump(void);
 /* Fills `len` bytes of `buf` with `c`, bounded. Returns buf. */
 TOVI_API void *tovi_memset(void *buf, int c, size_t len);
 
+/* ---- The machine's memory ("/proc/meminfo") and pages ---- */
+
+/** MemTotal of /proc/meminfo in KiB; 0 when it cannot be read. */
+TOVI_API uint64_t tovi_get_total_mem(void);
+
+/** MemFree of /proc/meminfo in KiB (memory not used at all, page cache not
+ * counted as free); 0 when it cannot be read. */
+TOVI_API uint64_t tovi_get_free_mem(void);
+
+/** The share of memory in use, in percent (0 to 100): MemTotal less
+ * MemAvailable over MemTotal. 0xFFFFFFFF when the figures are missing. */
+TOVI_API uint32_t tovi_get_available_usage(void);
+
+/** The size of a base page in bytes (4096 when the system does not say). */
+TOVI_API uint64_t tovi_get_sys_page_size(void);
+
+/** Makes the whole pages covering [addr, addr + len) read-only with
+ * mprotect (neighbouring data on the same pages included). 0, or 0xFFFFFFFF
+ * for a NULL address, a length of 0 or a failed mprotect (logged). */
+TOVI_API uint32_t tovi_setmemory_ro(void *addr, uint64_t len);
+
+/** The same, read and write. */
+TOVI_API uint32_t tovi_setmemory_rw(void *addr, uint64_t len);
+
+/** Flushes the file systems and drops the page cache, dentries and inodes
+ * ("sync;echo 3 > /proc/sys/vm/drop_caches;" in the shell; needs root).
+ * The shell's raw wait status, or -1 when it could not run. */
+TOVI_API int32_t tovi_release_mem(void);
+
 /* Tracked allocation with the caller's function and line filled in. */
 #define TOVI_MALLOC(module, size) tovi_mallocsubstandard((module), (size), 0, __func__, __LINE__)
 #define TOVI_FREE(ptr) tovi_freesub((ptr), __func__, __LINE__)

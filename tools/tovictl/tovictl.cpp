@@ -339,6 +339,7 @@ int tovictl_net(int argc, char **argv);
 int tovictl_time(int argc, char **argv);
 int tovictl_numa(int argc, char **argv);
 int tovictl_partitions(int argc, char **argv);
+int tovictl_syscall(int argc, char **argv);
 
 namespace {
 
@@ -356,6 +357,7 @@ const Command kCommands[] = {
     {"time", "time [ZONE]          UTC, local time, zone, DST and the zone table's next transitions", tovictl_time},
     {"numa", "numa [FILE]          the system CPU masks and the NUMA nodes of FILE (default: the platform's)", tovictl_numa},
     {"partitions", "partitions [FILE]    the CPU partition table of FILE (default: the platform's)", tovictl_partitions},
+    {"syscall", "syscall CMD [HEX]    call a private system call of this user's running server", tovictl_syscall},
 };
 
 int usage(FILE *out, int code)
