@@ -20,6 +20,8 @@ namespace {
 constexpr int64_t kNsPerJiffy = 1000000000LL / TOVI_HZ;
 
 using Handler = long (*)(long a1, long a2, long a3);
+// A command that takes the fourth argument slot too.
+using Handler4 = long (*)(long a1, long a2, long a3, long a4);
 
 int64_t monotonic_ns()
 {
@@ -101,12 +103,20 @@ long mem_dump(long, long, long)
 struct Command {
     uint32_t cmd;
     Handler handler;
+    Handler4 handler4 = nullptr;  // instead of handler
 };
 
 constexpr Command kCommands[] = {
     {kCmdMemTable, mem_table},
     {kCmdMemDump, mem_dump},
     {kCmdWait, wait_on_word},
+    {kCmdResetBoard, nullptr, refuse_platform},
+    {kCmdReboot, nullptr, refuse_platform},
+    {kCmdRebootCount, nullptr, refuse_platform},
+    {kCmdPanic, nullptr, refuse_platform},
+    {kCmdRegisters, nullptr, register_query},
+    {kCmdThreadStatus, nullptr, thread_status},
+    {kCmdCpuThread, nullptr, cpu_thread},
 };
 
 // The control files of the kernel side and the ioctl requests served for
@@ -144,9 +154,14 @@ long control_ioctl(const char *path, unsigned long request, void *arg)
 
 long syscall(uint32_t cmd, long a1, long a2, long a3)
 {
+    return syscall4(cmd, a1, a2, a3, -1);
+}
+
+long syscall4(uint32_t cmd, long a1, long a2, long a3, long a4)
+{
     for (const Command &c : kCommands)
         if (c.cmd == cmd)
-            return c.handler(a1, a2, a3);
+            return c.handler4 != nullptr ? c.handler4(a1, a2, a3, a4) : c.handler(a1, a2, a3);
     errno = ENOSYS;
     return -1;
 }
