@@ -37,6 +37,11 @@ cases=(
   "3|tovictl: cfg: $tmp: is a directory|cfg dump $tmp"
   "4|tovictl: cfg: $tmp/ok.ini: no section \[t\]|cfg get $tmp/ok.ini t a"
   "5|tovictl: cfg: $tmp/ok.ini: no item b in section \[s\]|cfg del $tmp/ok.ini s b"
+  "2|tovictl: dump: usage: tovictl dump PID TID|dump 1"
+  "2|tovictl: dump: usage: tovictl dump PID TID|dump 1 x"
+  "1|tovictl: dump: no thread 2147483647 in process $$|dump $$ 2147483647"
+  "1|tovictl: dump: process $$ does not catch signal 61; it would be killed|dump $$ $$"
+  "2|tovictl: crash: takes no arguments, got 'x'|crash x"
 )
 # Root reads any file: the permission case only means something for others.
 if [ "$(id -u)" -ne 0 ]; then
@@ -71,6 +76,12 @@ VRLOG_LEVEL=3 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" && fail "VRLOG_LEVEL=3 tovictl info: messages above the threshold"
 VRLOG_LEVEL=3,381=6 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=3,381=6 tovictl info: the library's messages are missing"
+
+# The crash demo: the child's dump names the faulting function, then it dies of SIGSEGV.
+"${tool[@]}" crash >"$tmp/out" 2>"$tmp/err" || fail "tovictl crash: status $?"
+grep -Eq '^child [0-9]+ died of signal 11 ' "$tmp/out" || fail "tovictl crash: said '$(cat "$tmp/out")'"
+grep -q 'RIP=0x[0-9a-f]* value=0x[0-9a-f]* func=tovictl_crash_here+0x' "$tmp/err" ||
+  fail "tovictl crash: the dump does not name the faulting function"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))
