@@ -55,9 +55,10 @@ void answer(int, siginfo_t *, void *context)
     if (__atomic_load_n(&g_request.tid, __ATOMIC_RELAXED) != static_cast<int32_t>(gettid()))
         return;
     const auto *uc = static_cast<const ucontext_t *>(context);
-    g_request.sp = arch::signal_context_sp(uc);
-    g_request.fp = arch::signal_context_fp(uc);
-    g_request.pc = arch::signal_context_pc(uc);
+    // Relaxed: a late answer may overwrite them; A1 publishes them.
+    __atomic_store_n(&g_request.sp, arch::signal_context_sp(uc), __ATOMIC_RELAXED);
+    __atomic_store_n(&g_request.fp, arch::signal_context_fp(uc), __ATOMIC_RELAXED);
+    __atomic_store_n(&g_request.pc, arch::signal_context_pc(uc), __ATOMIC_RELAXED);
     // Release pairs with the requester's acquiring load of answered (A1).
     __atomic_store_n(&g_request.answered, seq, __ATOMIC_RELEASE);
     ::syscall(SYS_futex, &g_request.answered, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
@@ -170,9 +171,9 @@ long register_query(long a1, long a2, long a3, long a4)
     } else if (!wait_answer(seq)) {
         errno = ETIMEDOUT;
     } else {
-        *sp = g_request.sp;
-        *fp = g_request.fp;
-        *pc = g_request.pc;
+        *sp = __atomic_load_n(&g_request.sp, __ATOMIC_RELAXED);
+        *fp = __atomic_load_n(&g_request.fp, __ATOMIC_RELAXED);
+        *pc = __atomic_load_n(&g_request.pc, __ATOMIC_RELAXED);
         ret = 0;
     }
     __atomic_store_n(&g_request.tid, 0, __ATOMIC_RELAXED);

@@ -8,6 +8,7 @@
 // symbol and stack lookups are lock-free, and memory is probed before it is
 // read where the range is a guess.
 #include <cerrno>
+#include <cstddef>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -84,7 +85,9 @@ void *ptr(uint64_t v)
     return reinterpret_cast<void *>(v);
 }
 
-uint64_t word_at(uint64_t addr)
+// A word of someone else's stack or code, read as raw memory: the sanitizers
+// would see redzones and races where a dump only looks.
+__attribute__((noinline, no_sanitize("address", "thread"))) uint64_t word_at(uint64_t addr)
 {
     return *reinterpret_cast<const volatile uint64_t *>(addr);
 }
@@ -275,8 +278,8 @@ void call_trace(int32_t tid, uint64_t sp, uint64_t fp, uint64_t start, uint64_t 
     for (uint64_t p = from; p + 8 < to; p += 8) {
         if (!probe.readable(p + 8))
             break;
-        const auto *record = reinterpret_cast<const arch::FrameRecord *>(p);
-        const uint64_t word = reinterpret_cast<uint64_t>(record->return_address);
+        // The slot read as a frame record: saved frame pointer, return address.
+        const uint64_t word = word_at(p + offsetof(arch::FrameRecord, return_address));
         tovi_symbol_s sym{};
         if (tovi_symbol_find(word, &sym) != 0 || sym.type != TOVI_SYMBOL_TYPE_FUNC)
             continue;
@@ -287,7 +290,7 @@ void call_trace(int32_t tid, uint64_t sp, uint64_t fp, uint64_t start, uint64_t 
         prev = p;
         const bool last = std::strcmp(sym.name, "start_thread") == 0 || std::strcmp(sym.name, "main") == 0;
         if (chained) {
-            fp = reinterpret_cast<uint64_t>(record->next);
+            fp = word_at(p + offsetof(arch::FrameRecord, next));
             if (last)
                 break;
         } else if (last && fp < p) {
