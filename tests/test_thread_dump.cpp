@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -26,72 +25,33 @@
 
 using tovi::test::LogCapture;
 
-extern "C" {
-// Known functions for the frames the dumps must name.
-__attribute__((noinline)) void dump_test_crash(volatile int *p)
-{
-    *p = 1;
-    asm volatile("" ::: "memory");
-}
-__attribute__((noinline)) void dump_test_caller(volatile int *p)
-{
-    dump_test_crash(p);
-    asm volatile("" ::: "memory");
-}
-__attribute__((noinline)) void dump_test_outer(volatile int *p)
-{
-    dump_test_caller(p);
-    asm volatile("" ::: "memory");
-}
+// Known functions for the frames the dumps must name; the barrier after
+// each call keeps it a call (no tail call).
+#define KEEP asm volatile("" ::: "memory")
 std::atomic<int> g_spin{1};
 std::atomic<unsigned> g_laps{0};
+extern "C" {
+__attribute__((noinline)) void dump_test_crash(volatile int *p) { *p = 1; KEEP; }
+__attribute__((noinline)) void dump_test_caller(volatile int *p) { dump_test_crash(p); KEEP; }
+__attribute__((noinline)) void dump_test_outer(volatile int *p) { dump_test_caller(p); KEEP; }
 // Named as the thread entry the trace stops at.
-__attribute__((noinline)) void start_thread()
-{
-    for (int i = 0; i < 3; ++i)
-        g_spin.fetch_add(0);
-}
-__attribute__((noinline)) void dump_test_spin()
-{
-    while (g_spin.load(std::memory_order_relaxed) != 0)
-        g_laps.fetch_add(1, std::memory_order_relaxed);
-    asm volatile("" ::: "memory");
-}
-__attribute__((noinline)) void dump_test_spin_caller()
-{
-    dump_test_spin();
-    asm volatile("" ::: "memory");
-}
-__attribute__((noinline)) void dump_test_spin_outer()
-{
-    dump_test_spin_caller();
-    asm volatile("" ::: "memory");
-}
-__attribute__((noinline)) void dump_test_skip(int32_t n)
-{
-    tovi_dump_stack_skip(n);
-    asm volatile("" ::: "memory");
-}
-__attribute__((noinline)) void dump_test_skip_caller(int32_t n)
-{
-    dump_test_skip(n);
-    asm volatile("" ::: "memory");
-}
+__attribute__((noinline)) void start_thread() { for (int i = 0; i < 3; ++i) g_spin.fetch_add(0); }
+__attribute__((noinline)) void dump_test_spin() { while (g_spin.load() != 0) g_laps.fetch_add(1); KEEP; }
+__attribute__((noinline)) void dump_test_spin_caller() { dump_test_spin(); KEEP; }
+__attribute__((noinline)) void dump_test_spin_outer() { dump_test_spin_caller(); KEEP; }
+__attribute__((noinline)) void dump_test_skip(int32_t n) { tovi_dump_stack_skip(n); KEEP; }
+__attribute__((noinline)) void dump_test_skip_caller(int32_t n) { dump_test_skip(n); KEEP; }
 }
 
 namespace {
 
-pid_t tid()
-{
-    return static_cast<pid_t>(syscall(SYS_gettid));
-}
+pid_t tid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+// Waits until the spinning thread is back in its loop (out of any handler).
+void in_loop() { for (unsigned lap = g_laps.load(); g_laps.load() == lap;) {} }
 
 // Runs `body` in a child whose messages go to a file; the child's status
 // (128 + signal when a signal ended it) and the texts of its messages.
-struct Death {
-    int status;
-    std::vector<std::string> lines;
-};
+struct Death { int status; std::vector<std::string> lines; };
 Death run_dying(const std::function<void()> &body)
 {
     char path[] = "/tmp/tovi_dump_XXXXXX";
@@ -103,8 +63,7 @@ Death run_dying(const std::function<void()> &body)
         return 0;
     });
     std::string all = tovi::test::read_file(path);
-    close(fd);
-    unlink(path);
+    close(fd), unlink(path);
     Death d{status, {}};
     for (size_t at = 0, nl; (nl = all.find('\n', at)) != std::string::npos; at = nl + 1) {
         std::string line = all.substr(at, nl - at);
@@ -133,18 +92,18 @@ int32_t exception_seen(ToviNotifierBlock *, uint64_t, void *data)
 unsigned general_registers()
 {
     ucontext_t uc;
-    getcontext(&uc);
     tovi::arch::RegisterSet set{};
-    tovi::arch::signal_context_registers(&uc, &set);
-    return set.general;
+    return getcontext(&uc), tovi::arch::signal_context_registers(&uc, &set), set.general;
 }
 
 TEST(ThreadDump, FatalSignalsDumpThenDieBySameSignal)
 {
     struct Case {
         int sig;
+        std::string name;
         bool real_fault;  // a fault in dump_test_crash, else raised
-    } cases[] = {{SIGSEGV, true}, {SIGUSR1, false}, {SIGTERM, false}, {SIGABRT, false}};
+    } cases[] = {{SIGSEGV, "SIGSEGV", true}, {SIGUSR1, "SIGUSR1", false}, {SIGTERM, "SIGTERM", false},
+                 {SIGABRT, "SIGABRT", false}};
     for (const Case &c : cases) {
         Death d = run_dying([&] {
             static ToviNotifierBlock block{exception_seen, nullptr, 0};
@@ -156,10 +115,9 @@ TEST(ThreadDump, FatalSignalsDumpThenDieBySameSignal)
             else
                 raise(c.sig);
         });
-        const std::string name = c.sig == SIGSEGV ? "SIGSEGV" : c.sig == SIGUSR1 ? "SIGUSR1" : c.sig == SIGTERM ? "SIGTERM" : "SIGABRT";
+        const std::string &name = c.name;
         SCOPED_TRACE(name);
         EXPECT_EQ(d.status, 128 + c.sig);
-        const std::string me = "<";
         size_t start = find(d.lines, "start of stack of general fault_handler() is 0x");
         ASSERT_NE(start, std::string::npos);
         EXPECT_NE(d.lines[start].find(". <1>, sig " + name + ", si 0x"), std::string::npos) << d.lines[start];
@@ -205,7 +163,7 @@ TEST(ThreadDump, DumpOnlySignalsAreSurvivedThreeAtATime)
                 }
             }
         });
-        std::vector<std::thread> threads;
+        std::vector<std::thread> threads;  // parked until `done`
         std::atomic<int> ids[4] = {};
         std::atomic<bool> done{false};
         for (int i = 0; i < 4; ++i)
@@ -225,13 +183,11 @@ TEST(ThreadDump, DumpOnlySignalsAreSurvivedThreeAtATime)
         const std::string refused = "<" + std::to_string(ids[3].load()) + ">fault handler reentrant<4> too much. sig 13";
         for (int i = 0; i < 5000 && !log.contains(refused); ++i)
             usleep(1000);
-        release = true;
-        done = true;
+        release = done = true;
         for (auto &t : threads)
             t.join();
         LogCapture::set_raw_hook(nullptr);
-        CHILD_CHECK(log.count(refused) == 1);
-        CHILD_CHECK(held.load() == 3);
+        CHILD_CHECK(log.count(refused) == 1 && held.load() == 3);
         return "";
     });
     EXPECT_EQ(report, "");
@@ -256,10 +212,6 @@ TEST(ThreadDump, RequestedDumpsFollowTheFrameChain)
             usleep(100);
         const std::string t = "<" + std::to_string(target.load()) + ">";
         const std::string me = "<" + std::to_string(tid()) + ">";
-        auto in_loop = [] {
-            for (unsigned lap = g_laps.load(); g_laps.load() == lap;) {
-            }
-        };
         // Register query through the companion: no code runs on the target but the answer.
         in_loop();
         tovi_thread_dump_thread_stack(static_cast<uint64_t>(target.load()));
@@ -320,10 +272,8 @@ TEST(ThreadDump, CallTraceStopRules)
         tovi::thrd::dump::call_trace(9, at(0), at(c.fp), at(0), at(1024));
         auto lines = log.texts();
         ASSERT_EQ(lines.size(), c.rows.size() + 3);
-        for (size_t i = 0; i < c.rows.size(); ++i) {
-            const std::string &row = lines[2 + i];
-            EXPECT_EQ(row.substr(row.size() - c.rows[i].size()), c.rows[i]) << row;
-        }
+        for (size_t i = 0; i < c.rows.size(); ++i)
+            EXPECT_EQ(lines[2 + i].substr(lines[2 + i].size() - c.rows[i].size()), c.rows[i]) << lines[2 + i];
         EXPECT_EQ(lines.back(), "<9>dump_stack info Success");
     }
 }
@@ -354,8 +304,7 @@ TEST(ThreadDump, BacktraceSkipsTheAskedFrames)
         log.clear();
         dump_test_skip_caller(c.skip);
         auto lines = log.texts();
-        ASSERT_GE(lines.size(), 2u);
-        EXPECT_EQ(lines[0].find("<" + std::to_string(tid()) + ">Start dump stack from 0x"), 0u);
+        ASSERT_TRUE(lines.size() >= 2 && lines[0].find("<" + std::to_string(tid()) + ">Start dump stack from 0x") == 0);
         EXPECT_NE(lines[1].find(std::string(" func=") + c.first), std::string::npos) << c.skip << ": " << lines[1];
     }
 }
@@ -381,12 +330,10 @@ TEST(ThreadDump, BlockStackFileCarriesTheTag)
         std::string file = tovi::test::read_file("/var/log/dr/block-stack-" + std::string(name) + "-" + std::to_string(tid()));
         const std::string tag = g_tag_buf;
         CHILD_CHECK(tag.rfind("dump_time:dump_time:", 0) == 0 && tag.back() == '\n');
-        CHILD_CHECK(file.rfind("---" + tag + "---\n", 0) == 0);
-        CHILD_CHECK(file.find("dump_stack_by_sig") != std::string::npos);
+        CHILD_CHECK(file.rfind("---" + tag + "---\n", 0) == 0 && file.find("dump_stack_by_sig") != std::string::npos);
         auto texts = log.texts(6);
-        CHILD_CHECK(texts.size() == 2 && texts[0] == "Show backtrace pid=" + std::to_string(getpid()) + ", tid=" +
-                    std::to_string(tid()) + ", " + tag);
-        CHILD_CHECK(log.records()[0].module == 999);
+        CHILD_CHECK(texts.size() == 2 && log.records()[0].module == 999 &&
+                    texts[0] == "Show backtrace pid=" + std::to_string(getpid()) + ", tid=" + std::to_string(tid()) + ", " + tag);
         return "";
     });
     EXPECT_EQ(report, "");
@@ -396,9 +343,7 @@ TEST(ThreadDump, ThreadStatusFromTheCompanion)
 {
     LogCapture log;
     tovi_thrd_status_s st{};
-    ASSERT_EQ(tovi_thrd_getstatus(tid(), &st), 0u);
-    EXPECT_EQ(st.tid, tid());
-    EXPECT_EQ(st.state, 'R');
+    EXPECT_TRUE(tovi_thrd_getstatus(tid(), &st) == 0 && st.tid == tid() && st.state == 'R');
     EXPECT_EQ(tovi_thrd_getstatus(999999, &st), TOVI_ERR);
     EXPECT_EQ(tovi_thrd_dump_cpu_stack_knl(100000), TOVI_ERR);
     EXPECT_EQ(log.texts(3), (std::vector<std::string>{"Tovi syscall for thrd_getstatus failed.",

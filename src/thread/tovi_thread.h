@@ -346,8 +346,9 @@ TOVI_API uint32_t tovi_thread_signal_flag_get(void);
 /** 0 when the fault handlers are installed, -1 otherwise. */
 TOVI_API int32_t is_dump_stack_enabled(void);
 
-/** Turns the process-wide core-dump flag on (1) / off (0). */
+/** Turns the process-wide core-dump flag on (1). */
 TOVI_API void tovi_thread_set_coredump_on(void);
+/** Turns the process-wide core-dump flag off (0). */
 TOVI_API void tovi_thread_set_coredump_off(void);
 
 /** Stores the core-dump flag in `*out`: 0 when it is 0 or 1, -1 otherwise
