@@ -432,8 +432,11 @@ void tovi_thread_dump_broken_stack(int32_t sig, int32_t tid)
         return;
     TOVI_LOG_RAW("<%d>Try to dump OS stack, start(0x%0llx) end(0x%0llx):", tid, static_cast<unsigned long long>(start),
                  static_cast<unsigned long long>(end));
-    uint64_t before = 0;  // the word before the current one
+    // The last word of the line printed before; a line left out was zeros.
+    uint64_t before = 0, before_line = 0;
     hex_lines(tid, align_up(start, 8), end, [&](uint64_t p, const uint64_t (&w)[4]) {
+        if (before_line + 32 != p)
+            before = 0;
         for (unsigned i = 0; i < 4; ++i) {
             const uint64_t at = p + 8 * i;
             tovi_symbol_s sym{};
@@ -450,6 +453,7 @@ void tovi_thread_dump_broken_stack(int32_t sig, int32_t tid)
             }
         }
         before = w[3];
+        before_line = p;
     });
 }
 
