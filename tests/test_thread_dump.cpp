@@ -111,7 +111,7 @@ TEST(ThreadDump, FatalSignalsDumpThenDieBySameSignal)
             tovi_exception_init();
             tovi_exception_chain_register(&block);
             if (c.real_fault)
-                dump_test_outer(nullptr);
+                dump_test_outer(reinterpret_cast<volatile int *>(16));  // unmapped, not null
             else
                 raise(c.sig);
         });

@@ -120,7 +120,15 @@ __attribute__((noinline)) void tovi_dump_stack_ext(void **buffer, int32_t depth,
     if (buffer == nullptr || depth <= 0)
         return;
     const int n = backtrace(buffer, depth);
-    for (int i = (skip > 0 ? skip : 0) + 1; i < n; ++i)
+    // Frame 1 is this function's caller; find it by its return address, as
+    // an instrumented build puts its interceptor's frame in front.
+    int first = 1;
+    for (int i = 0; i < n; ++i)
+        if (buffer[i] == __builtin_return_address(0)) {
+            first = i;
+            break;
+        }
+    for (int i = first + (skip > 0 ? skip : 0); i < n; ++i)
         tovi_print_addr_symbol(tid, reinterpret_cast<uint64_t>(buffer[i]), " ", 0);
 }
 

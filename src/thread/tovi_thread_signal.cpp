@@ -87,9 +87,12 @@ void *ptr(uint64_t v)
 
 // A word of someone else's stack or code, read as raw memory: the sanitizers
 // would see redzones and races where a dump only looks.
-__attribute__((noinline, no_sanitize("address", "thread"))) uint64_t word_at(uint64_t addr)
+// Code addresses need not be aligned, hence the byte copy.
+__attribute__((noinline, no_sanitize("address", "thread", "undefined"))) uint64_t word_at(uint64_t addr)
 {
-    return *reinterpret_cast<const volatile uint64_t *>(addr);
+    uint64_t v;
+    __builtin_memcpy(&v, reinterpret_cast<const void *>(addr), sizeof v);
+    return v;
 }
 
 uint64_t align_up(uint64_t v, uint64_t a)

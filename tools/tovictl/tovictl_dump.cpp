@@ -2,8 +2,8 @@
 //   dump PID TID  asks a thread of a running libtovi process to dump its own
 //                 stack into that process's log (signal 61); refused for a
 //                 process that does not catch the signal, which it would kill.
-//   crash         a child with the fault handlers installed dies of a null
-//                 pointer write: its dump (registers with symbols, call trace,
+//   crash         a child with the fault handlers installed dies of a write
+//                 through a bad pointer: its dump (registers with symbols, call trace,
 //                 stack words) is written on standard error.
 #include <cerrno>
 #include <csignal>
@@ -97,7 +97,7 @@ int tovictl_crash(int argc, char **argv)
     if (child == 0) {
         tovi_thrd_setcurthreadinfo();  // a record: the dump knows its stack
         tovi_exception_init();
-        tovictl_crash_caller(nullptr);
+        tovictl_crash_caller(reinterpret_cast<volatile int *>(16));  // unmapped (and not null)
         _exit(0);
     }
     int status = 0;
