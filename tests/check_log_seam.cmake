@@ -66,12 +66,17 @@ set(names
   time/tovi_timeutil.cpp=tovi_timeutil
   time/tovi_timezone.cpp=tovi_timezone
   timer/tovi_timer.cpp=tovi_timer
-  timer/tovi_timer_wheel.cpp=tovi_timer_wheel)
+  timer/tovi_timer_wheel.cpp=tovi_timer_wheel
+  thread/tovi_thread_signal.cpp=tovi_sig_calltrace
+  thread/tovi_thread_dump.cpp=tovi_dump_stack
+  notifier/tovi_notifier.cpp=tovi_notifier
+  exception/tovi_exception.cpp=tovi_exception
+  reboot/tovi_reboot.cpp=tovi_reboot)
 # Every file of the thread module logs as "tovi_thrd", however it is split.
 file(GLOB thread_files RELATIVE ${SRC} ${SRC}/thread/*.cpp)
 foreach(f ${thread_files})
   file(STRINGS ${SRC}/${f} inc REGEX "#include \"tovi_log.hpp\"")
-  if(inc)
+  if(inc AND NOT names MATCHES "${f}=")
     list(APPEND names ${f}=tovi_thrd)
   endif()
 endforeach()

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <strings.h>
 #include <pthread.h>
 #include <ucontext.h>
 
@@ -83,7 +84,7 @@ TEST(Arch, SignalContextRegistersAreNamed)
     ASSERT_LE(set.count, tovi::arch::RegisterSet::kMax);
     bool found_sp = false;
     for (unsigned i = 0; i < set.count; ++i) {
-        if (std::strcmp(set.names[i], "sp") == 0 || std::strcmp(set.names[i], "rsp") == 0) {
+        if (strcasecmp(set.names[i], "sp") == 0 || strcasecmp(set.names[i], "rsp") == 0) {
             EXPECT_EQ(set.values[i], tovi::arch::signal_context_sp(&uc));
             found_sp = true;
         }

@@ -47,6 +47,11 @@ cases=(
   "2|tovictl: syscall: CMD must be a number below 0x2000, not '-1'|syscall -1"
   "2|tovictl: syscall: HEX must be pairs of hex digits, at most 510 bytes, not '0g'|syscall 0x401 0g"
   "2|tovictl: syscall: HEX must be pairs of hex digits, at most 510 bytes, not 'abc'|syscall 1 abc"
+  "2|tovictl: dump: usage: tovictl dump PID TID|dump 1"
+  "2|tovictl: dump: usage: tovictl dump PID TID|dump 1 x"
+  "1|tovictl: dump: no thread 2147483647 in process $$|dump $$ 2147483647"
+  "1|tovictl: dump: process $$ does not catch signal 61; it would be killed|dump $$ $$"
+  "2|tovictl: crash: takes no arguments, got 'x'|crash x"
 )
 
 # Root reads any file: the permission case only means something for others.
@@ -99,6 +104,11 @@ grep -Eq '^zone: +Australia/Sydney \(AE[SD]T, UTC\+1[01]:00\)$' "$tmp/out" || fa
 printf '[NUMA_PARTITION]\ncpu_num=4\nnuma_num=2\nnuma_0=0-1\nnuma_1=2-3,9\n[PROC_PARTITION]\nnuma_enable=true\nproc_numa_info=1\n' >"$tmp/numa.ini"
 "${tool[@]}" numa "$tmp/numa.ini" >"$tmp/out" 2>&1 || fail "tovictl numa: status $?"
 grep -qx 'node 1   used   2-3,9' "$tmp/out" || fail "tovictl numa: said '$(cat "$tmp/out")'"
+# The crash demo: the child's dump names the faulting function, then it dies of SIGSEGV.
+"${tool[@]}" crash >"$tmp/out" 2>"$tmp/err" || fail "tovictl crash: status $?"
+grep -Eq '^child [0-9]+ died of signal 11 ' "$tmp/out" || fail "tovictl crash: said '$(cat "$tmp/out")'"
+grep -q 'RIP=0x[0-9a-f]* value=0x[0-9a-f]* func=tovictl_crash_here+0x' "$tmp/err" ||
+  fail "tovictl crash: the dump does not name the faulting function"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))

@@ -14,7 +14,8 @@
 //                           for kCrc32cFoldMin bytes and up
 //   crc32c_fold_routines()  every folding routine the processor can run
 //   frame_pointer()         the caller's frame record
-//   signal_context_pc/sp/fp() and register names of a signal context
+//   signal_context_pc/sp/fp/flags() and the named registers of a signal
+//                           context (the general ones first)
 //
 // Frame records have the same shape on both processors: the saved frame
 // pointer of the caller, then the return address.
@@ -30,11 +31,13 @@ struct FrameRecord {
     const void *return_address;
 };
 
-// Register names in the order signal_context_registers() fills them.
+// Register names in the order signal_context_registers() fills them; the
+// first `general` are the ones a fault dump prints one per line.
 struct RegisterSet {
     static constexpr unsigned kMax = 40;
     const char *const *names;
     unsigned count;
+    unsigned general;
     uint64_t values[kMax];
 };
 

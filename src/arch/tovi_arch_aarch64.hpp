@@ -192,14 +192,22 @@ inline uint64_t signal_context_fp(const ucontext_t *uc)
     return uc->uc_mcontext.regs[29];
 }
 
+inline uint64_t signal_context_flags(const ucontext_t *uc)
+{
+    return uc->uc_mcontext.pstate;
+}
+
+// R0 to R30 (R29 the frame pointer, R30 the link register) are the general
+// ones; SP, PC and PSTATE follow.
 inline void signal_context_registers(const ucontext_t *uc, RegisterSet *set)
 {
     static const char *const names[] = {
-        "x0",  "x1",  "x2",  "x3",  "x4",  "x5",  "x6",  "x7",  "x8",  "x9",  "x10",
-        "x11", "x12", "x13", "x14", "x15", "x16", "x17", "x18", "x19", "x20", "x21",
-        "x22", "x23", "x24", "x25", "x26", "x27", "x28", "fp",  "lr",  "sp",  "pc", "pstate"};
+        "R0",  "R1",  "R2",  "R3",  "R4",  "R5",  "R6",  "R7",  "R8",  "R9",  "R10", "R11",
+        "R12", "R13", "R14", "R15", "R16", "R17", "R18", "R19", "R20", "R21", "R22", "R23",
+        "R24", "R25", "R26", "R27", "R28", "R29", "R30", "SP",  "PC",  "PSTATE"};
     set->names = names;
     set->count = sizeof names / sizeof names[0];
+    set->general = 31;
     for (unsigned i = 0; i < 31; ++i)
         set->values[i] = uc->uc_mcontext.regs[i];
     set->values[31] = uc->uc_mcontext.sp;

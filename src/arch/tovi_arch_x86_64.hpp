@@ -378,17 +378,26 @@ inline uint64_t signal_context_fp(const ucontext_t *uc)
     return static_cast<uint64_t>(uc->uc_mcontext.gregs[REG_RBP]);
 }
 
+inline uint64_t signal_context_flags(const ucontext_t *uc)
+{
+    return static_cast<uint64_t>(uc->uc_mcontext.gregs[REG_EFL]);
+}
+
+// The general registers by their own names, then the instruction pointer and
+// the flags; all of them are dumped.
 inline void signal_context_registers(const ucontext_t *uc, RegisterSet *set)
 {
-    // Order of the kernel's general-register block (REG_R8 .. REG_CR2).
-    static const char *const names[] = {"r8",  "r9",  "r10", "r11",    "r12", "r13",    "r14",
-                                        "r15", "rdi", "rsi", "rbp",    "rbx", "rdx",    "rax",
-                                        "rcx", "rsp", "rip", "eflags", "csgsfs", "err", "trapno",
-                                        "oldmask", "cr2"};
+    static const char *const names[] = {"RAX", "RBX", "RCX", "RDX", "RSI", "RDI", "RBP", "RSP", "R8",
+                                        "R9",  "R10", "R11", "R12", "R13", "R14", "R15", "RIP", "EFLAGS"};
+    static constexpr int index[] = {REG_RAX, REG_RBX, REG_RCX, REG_RDX, REG_RSI, REG_RDI,
+                                    REG_RBP, REG_RSP, REG_R8,  REG_R9,  REG_R10, REG_R11,
+                                    REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP, REG_EFL};
+    static_assert(sizeof names / sizeof names[0] == sizeof index / sizeof index[0]);
     set->names = names;
     set->count = sizeof names / sizeof names[0];
+    set->general = set->count;
     for (unsigned i = 0; i < set->count; ++i)
-        set->values[i] = static_cast<uint64_t>(uc->uc_mcontext.gregs[i]);
+        set->values[i] = static_cast<uint64_t>(uc->uc_mcontext.gregs[index[i]]);
 }
 
 }  // namespace tovi::arch

@@ -57,6 +57,13 @@ long syscall(uint32_t cmd, long a1, long a2, long a3)
     return user::syscall(cmd, a1, a2, a3);
 }
 
+long syscall4(uint32_t cmd, long a1, long a2, long a3, long a4)
+{
+    if (backend() == Backend::kernel)
+        return kernel::syscall4(cmd, a1, a2, a3, a4);
+    return user::syscall4(cmd, a1, a2, a3, a4);
+}
+
 uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
 {
     if (backend() == Backend::kernel)

@@ -41,6 +41,23 @@ inline constexpr uint32_t kCmdCpuTaskInfo = 0x307;       // a1: CPU, a2: the pla
 inline constexpr unsigned long kIoctlCstGet = 256;     // CstMsgHeader, 325 bytes in, 290 out
 inline constexpr unsigned long kIoctlCstSet = 257;     // CstMsgHeader, 325 bytes in
 inline constexpr unsigned long kIoctlCstReload = 258;  // no argument
+// Platform requests: reset the board (a1-a4 -1), reboot (a1 reason, a2
+// module, a3 first byte of the text), reboot count (a1 argument, a2 where to
+// store the 32-bit count), panic (a1 the text). Stock hosts refuse them.
+inline constexpr uint32_t kCmdResetBoard = 0x0;
+inline constexpr uint32_t kCmdReboot = 0x1;
+inline constexpr uint32_t kCmdRebootCount = 0x2;
+inline constexpr uint32_t kCmdPanic = 0x3;
+// Registers of a thread of the caller's process: a1 its tid (int32_t *),
+// a2/a3/a4 where to store its stack pointer, frame pointer and program counter.
+inline constexpr uint32_t kCmdRegisters = 0x500;
+// Commands the platform has not numbered yet: only the user backend serves
+// them and the kernel backend refuses them (ENOSYS) without a system call.
+inline constexpr uint32_t kCmdLocalOnly = 0x80000000u;
+// a1 tid, a2 tovi_thrd_status_s * to fill.
+inline constexpr uint32_t kCmdThreadStatus = kCmdLocalOnly | 0x501;
+// a1 CPU, a2 int32_t * for the tid of a thread of this process running there.
+inline constexpr uint32_t kCmdCpuThread = kCmdLocalOnly | 0x502;
 
 Backend backend();
 const char *backend_name();
@@ -48,6 +65,8 @@ const char *backend_name();
 // Makes private system call `cmd` with up to three argument slots (the rest
 // carry -1). Returns what the call returns: -1 with errno set on failure.
 long syscall(uint32_t cmd, long a1 = -1, long a2 = -1, long a3 = -1);
+// The same with all four argument slots.
+long syscall4(uint32_t cmd, long a1, long a2, long a3, long a4);
 
 // Maps the jiffies counter into `uio` (which the caller has zeroed). The
 // kernel backend maps the UIO device and returns 0 or 0xFFFFFFFF; the user
@@ -71,6 +90,7 @@ void control_close(ControlFile *file);
 
 namespace kernel {
 long syscall(uint32_t cmd, long a1, long a2, long a3);
+long syscall4(uint32_t cmd, long a1, long a2, long a3, long a4);
 uint32_t jiffies_map(tovi_jiffies_uio_s *uio);
 // Writes the UIO device's name ("uio<N>") into `child`; 0 or 0xFFFFFFFF.
 uint32_t tovi_get_child_dir(char *child, size_t size);
@@ -104,6 +124,15 @@ namespace user {
 long cst_get(void *header);
 long cst_set(void *header);
 long cst_reload(void *header);
+}  // namespace user
+
+// Thread dumps and platform requests (tovi_companion_user_dump.cpp).
+namespace user {
+long syscall4(uint32_t cmd, long a1, long a2, long a3, long a4);
+long refuse_platform(long a1, long a2, long a3, long a4);
+long register_query(long a1, long a2, long a3, long a4);
+long thread_status(long a1, long a2, long a3, long a4);
+long cpu_thread(long a1, long a2, long a3, long a4);
 }  // namespace user
 
 }  // namespace tovi::companion

@@ -84,9 +84,16 @@ void close_all(const int *fds, size_t count)
 
 long syscall(uint32_t cmd, long a1, long a2, long a3)
 {
+    return syscall4(cmd, a1, a2, a3, -1);
+}
+
+long syscall4(uint32_t cmd, long a1, long a2, long a3, long a4)
+{
     if constexpr (arch::kPlatformSyscall) {
-        uint64_t word = (static_cast<uint64_t>(TOVI_MODULE_ID) << 32) | cmd;
-        return ::syscall(kPrivateSyscall, word, a1, a2, a3, -1L);
+        if ((cmd & kCmdLocalOnly) == 0) {
+            uint64_t word = (static_cast<uint64_t>(TOVI_MODULE_ID) << 32) | cmd;
+            return ::syscall(kPrivateSyscall, word, a1, a2, a3, a4);
+        }
     }
     errno = ENOSYS;
     return -1;

@@ -25,6 +25,8 @@ namespace {
 constexpr int64_t kNsPerJiffy = 1000000000LL / TOVI_HZ;
 
 using Handler = long (*)(long a1, long a2, long a3);
+// A command that takes the fourth argument slot too.
+using Handler4 = long (*)(long a1, long a2, long a3, long a4);
 
 int64_t monotonic_ns()
 {
@@ -106,6 +108,7 @@ long mem_dump(long, long, long)
 struct Command {
     uint32_t cmd;
     Handler handler;
+    Handler4 handler4 = nullptr;  // instead of handler
 };
 
 constexpr Command kCommands[] = {
@@ -120,12 +123,25 @@ constexpr Command kCommands[] = {
     {kCmdGetIdleNoCstates, cpu_get_idle_no_cstates},
     {kCmdSetIdleNoCstates, cpu_set_idle_no_cstates},
     {kCmdCpuTaskInfo, cpu_task_info},
+    {kCmdResetBoard, nullptr, refuse_platform},
+    {kCmdReboot, nullptr, refuse_platform},
+    {kCmdRebootCount, nullptr, refuse_platform},
+    {kCmdPanic, nullptr, refuse_platform},
+    {kCmdRegisters, nullptr, register_query},
+    {kCmdThreadStatus, nullptr, thread_status},
+    {kCmdCpuThread, nullptr, cpu_thread},
 };
 
-// The registry's groups are 0 to 31.
+long run(const Command &c, long a1, long a2, long a3, long a4)
+{
+    return c.handler4 != nullptr ? c.handler4(a1, a2, a3, a4) : c.handler(a1, a2, a3);
+}
+
+// The registry's groups are 0 to 31. Commands the platform has not numbered
+// are no system calls: they stay out of the registry.
 static_assert([] {
     for (const Command &c : kCommands)
-        if (c.cmd >> 8 >= TOVI_SYSCALL_GROUPS)
+        if ((c.cmd & kCmdLocalOnly) == 0 && c.cmd >> 8 >= TOVI_SYSCALL_GROUPS)
             return false;
     return true;
 }(), "companion commands must fit the private-system-call registry");
@@ -138,7 +154,7 @@ char g_in_process_tag;
 
 struct InProcessCall {
     const void *tag;
-    long a1, a2, a3;
+    long a1, a2, a3, a4;
     long result;
 };
 
@@ -151,7 +167,7 @@ int32_t serve_entry(uint32_t, tovi_syscall_call_s *call)
     __builtin_memcpy(&args, call->pucInBuf, sizeof args);
     if (args.tag != &g_in_process_tag)
         return -1;
-    args.result = kCommands[I].handler(args.a1, args.a2, args.a3);
+    args.result = run(kCommands[I], args.a1, args.a2, args.a3, args.a4);
     __builtin_memcpy(call->pucOutBuf, &args, sizeof args);
     call->uiOutLen = sizeof args;
     return 0;
@@ -174,7 +190,7 @@ void register_commands()
         tovi_syscall_entry_s calls[kCommandCount];
         uint32_t n = 0;
         for (size_t i = 0; i < kCommandCount; ++i)
-            if (kCommands[i].cmd >> 8 == group)
+            if ((kCommands[i].cmd & kCmdLocalOnly) == 0 && kCommands[i].cmd >> 8 == group)
                 calls[n++] = {kCommands[i].cmd, TOVI_SYSCALL_DIRECT, kEntries[i]};
         int32_t ret = -1;
         try {
@@ -226,10 +242,22 @@ long control_ioctl(const char *path, unsigned long request, void *arg)
 
 long syscall(uint32_t cmd, long a1, long a2, long a3)
 {
+    return syscall4(cmd, a1, a2, a3, -1);
+}
+
+long syscall4(uint32_t cmd, long a1, long a2, long a3, long a4)
+{
+    if ((cmd & kCmdLocalOnly) != 0) {
+        for (const Command &c : kCommands)
+            if (c.cmd == cmd)
+                return run(c, a1, a2, a3, a4);
+        errno = ENOSYS;
+        return -1;
+    }
     static pthread_once_t registered = PTHREAD_ONCE_INIT;
     pthread_once(&registered, register_commands);
     const tovi_syscall_entry_s *entry = tovi::syscall::find(cmd);
-    InProcessCall args{&g_in_process_tag, a1, a2, a3, -1};
+    InProcessCall args{&g_in_process_tag, a1, a2, a3, a4, -1};
     auto *block = reinterpret_cast<uint8_t *>(&args);
     tovi_syscall_call_s call{sizeof args, sizeof args, 0, block, block};
     if (entry == nullptr || entry->pfnSysCall(cmd, &call) != 0 || call.uiOutLen != sizeof args) {

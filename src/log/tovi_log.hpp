@@ -104,6 +104,9 @@ uint64_t current_jiffies();
 // One raw line, as stack dumps write them.
 #define TOVI_LOG_RAW(fmt, ...) vrlog_original(fmt __VA_OPT__(, ) __VA_ARGS__)
 
+// Raw output of a caller's format and va_list (printk): the library's result.
+#define TOVI_LOG_VRAW(fmt, ap) vrlog_vraw((fmt), (ap))
+
 // As TOVI_LOG, as an expression whose value is vrlog's result (the length
 // written), or 0 when the level is not enabled. For the few functions whose
 // failure result is the logging call's own.

@@ -14,13 +14,10 @@
 #include "tovi_jiffies.h"
 #include "tovi_schedwork.hpp"
 #include "tovi_symbol.h"
+#include "tovi_thread.h"
 
 #define TOVI_LOG_SOURCE "tovi_sched_work"
 #include "tovi_log.hpp"
-
-// Stack dumps of another thread belong to the signal module; until a process
-// has it, a stuck worker is reported without its stack.
-extern "C" void dump_thread_stack_sig(int32_t pid, int32_t tid) __attribute__((weak));
 
 // The framework reads the record by these offsets.
 static_assert(offsetof(tovi_heal_task_s, name) == 0);
@@ -253,8 +250,7 @@ int32_t tovi_get_sched_work_heal_task_info(tovi_heal_task_s **task, uint32_t *ta
 
 void sched_work_dump_thread_stack(uint32_t tid)
 {
-    if (dump_thread_stack_sig != nullptr)
-        dump_thread_stack_sig(getpid(), static_cast<int32_t>(tid));
+    dump_thread_stack_sig(getpid(), static_cast<int32_t>(tid));
 }
 
 // The three addresses are written into one buffer in turn, the handler last,

@@ -128,6 +128,7 @@ void module_init_once()
 {
     g_adopted_key_ok = pthread_key_create(&g_adopted_key, release_adopted) == 0;
     tovi_thrd_setpid_accl();
+    dump_signal_init();
 }
 
 void run(tovi_thread_s *rec, bool map_now)
@@ -312,7 +313,8 @@ extern "C" {
 
 uint32_t tovi_thrd_module_init(void)
 {
-    // Once: the key that gives adopted records back, the cached process id.
+    // Once: the key that gives adopted records back, the cached process id,
+    // the block-stack signal.
     pthread_once(&g_module_once, module_init_once);
     return 0;
 }

@@ -247,6 +247,144 @@ TOVI_API uint32_t tovi_thrd_setcurthreadinfo(void);
 /* Prints the strategy table to standard output. */
 TOVI_API void tovi_showThreadStrategyDbg(void);
 
+/* ---- Signals and stack dumps ----
+ * One handler, fault_handler, serves the fault and termination signals on
+ * the thread's alternate signal stack: it prints the thread's registers with
+ * symbols, a call trace over the frame records and a hex dump of the stack,
+ * all through the raw log, one line per call, each starting with "<tid>".
+ * Fatal signals then run the exception chain and are re-raised with their
+ * default action, so the process ends (and dumps core) as it would have.
+ * Dump-only signals: 12, 13, 14, 21, 22, 26, 27, 29 and 61; at most three
+ * of them are dumped at a time. Nothing on these paths allocates or locks. */
+
+#define TOVI_SIGNAL_TASKTRACK 61  /**< another thread asks for this thread's dump */
+#define TOVI_SIGNAL_BLOCKSTACK 59 /**< append a backtrace to the block-stack file */
+#define TOVI_SIGNAL_NAMES 128u    /**< entries of the signal-name table */
+#define TOVI_TAG_BUF_LEN 64u      /**< size of g_tag_buf */
+
+/** Text written at the head of every block-stack record: "dump_time:" and
+ *  the time stamps dump_thread_stack_sig_roc appended (bounded, never reset). */
+TOVI_API extern char g_tag_buf[TOVI_TAG_BUF_LEN];
+
+/** 1 when `sig` is fatal (re-raised after its dump), 0 when it is dump-only
+ *  (12, 13, 14, 21, 22, 26, 27, 29, 61). */
+TOVI_API int tovi_signal_is_fatal(int sig);
+
+/** Installs fault_handler for the handled signals, once per process; also
+ *  loads the symbol table, registers the exit hook, ignores SIGHUP and
+ *  installs signal 61. A signal whose sigaction fails stays unhandled. */
+TOVI_API void tovi_thread_signal_init(void);
+
+/** As tovi_thread_signal_init for exactly the `count` signals of `sigList`
+ *  (the first argument is ignored); each is named "sigList[i]" in the table.
+ *  Logs "signal init with list(...)." at info. */
+TOVI_API void tovi_thread_signal_init_with_list(void *ignored, const uint32_t *sigList, uint32_t count);
+
+/** Installs fault_handler for signal 61 once and names it "SIGTASKTRACK". */
+TOVI_API void auto_install_dump_stack_signal(void);
+
+/** Asks thread `tid` of process `pid` to dump its own stack (signal 61 by
+ *  tgkill), logging the request and its result. */
+TOVI_API void dump_thread_stack_sig(int32_t pid, int32_t tid);
+
+/** Dumps thread `tid` of this process without running code on it: its
+ *  registers come from the companion's register query (command 0x500). */
+TOVI_API void tovi_thread_dump_thread_stack(uint64_t tid);
+
+/** Backtrace of the caller (its own frame skipped). */
+TOVI_API void tovi_dump_stack(void);
+
+/** Backtrace of the caller skipping max(skip, 0) + 1 frames. */
+TOVI_API void tovi_dump_stack_skip(int32_t skip);
+
+/** Captures at most `depth` return addresses into `buffer` and prints those
+ *  from index max(skip, 0) + 1 on with their symbols. */
+TOVI_API void tovi_dump_stack_ext(void **buffer, int32_t depth, int32_t skip);
+
+/** Prints the caller's program counter, stack and frame pointers, then its
+ *  backtrace. */
+TOVI_API void tovi_thread_dump_stack(void);
+
+/** The process-exit hook of the signal module: logs "exit_callback!" at
+ *  error level and dumps the caller's stack. */
+TOVI_API void tovi_thread_exit_callback(void);
+
+/** The register and stack dump of fault_handler for signal `sig` and the
+ *  interrupted context `ucontext` (a ucontext_t). */
+TOVI_API void tovi_thread_dump_current_stack(int32_t sig, void *ucontext);
+
+/** The stack part of a dump of the calling thread (`tid`) at stack pointer
+ *  `sp` and frame pointer `fp`: call trace and, for fatal signals, hex dump. */
+TOVI_API void tovi_thread_dump_sync_stack(int32_t tid, int32_t sig, uint64_t sp, uint64_t fp);
+
+/** As tovi_thread_dump_sync_stack for the calling thread at exit, without
+ *  any hex dump; the messages say "(exit)". */
+TOVI_API void tovi_thread_dump_exit_stack(uint64_t sp, uint64_t fp);
+
+/** Hex dump, four words a line with runs of zero lines collapsed, of the
+ *  stack from sp - 1024 (not below `start`) for at most 16 KiB (not beyond
+ *  `end`). Only for fatal signals. */
+TOVI_API void tovi_thread_dump_full_stack(int32_t sig, uint64_t sp, int32_t tid, uint64_t start, uint64_t end);
+
+/** Hex dump of the whole operating-system stack of thread `tid`, each code
+ *  address announced with its symbol; for when the registry does not know
+ *  the stack in use. Only for fatal signals. */
+TOVI_API void tovi_thread_dump_broken_stack(int32_t sig, int32_t tid);
+
+/** Prints `label` and `addr` with its function, offset and object file
+ *  ("NULL" when it resolves to none); with `with_value` 1 also the word
+ *  stored at `addr`. */
+TOVI_API void tovi_print_addr_symbol(int32_t tid, uint64_t addr, const char *label, int32_t with_value);
+
+/** Hands the registers of the interrupted context to the exception chain
+ *  (action 0) for signal `sig`; the chain's result. */
+TOVI_API int32_t tovi_signal_exit_notify(int32_t sig, void *siginfo, void *ucontext);
+
+/** 1 once the fault handlers are installed, else 0. */
+TOVI_API uint32_t tovi_thread_signal_flag_get(void);
+
+/** 0 when the fault handlers are installed, -1 otherwise. */
+TOVI_API int32_t is_dump_stack_enabled(void);
+
+/** Turns the process-wide core-dump flag on (1). */
+TOVI_API void tovi_thread_set_coredump_on(void);
+/** Turns the process-wide core-dump flag off (0). */
+TOVI_API void tovi_thread_set_coredump_off(void);
+
+/** Stores the core-dump flag in `*out`: 0 when it is 0 or 1, -1 otherwise
+ *  (and for NULL). */
+TOVI_API int32_t tovi_thread_coredump_flag_get(uint32_t *out);
+
+/** Remembers the process name and installs the signal-59 handler
+ *  (dump_stack_by_sig). Run by the thread module's set-up. */
+TOVI_API void dump_signal_init(void);
+
+/** The signal-59 handler: appends g_tag_buf and the symbolised backtrace of
+ *  the receiving thread to "/var/log/dr/block-stack-<process>-<tid>". */
+TOVI_API void dump_stack_by_sig(int sig);
+
+/** Appends "dump_time:<seconds>\n" to g_tag_buf and sends signal 59 to
+ *  thread `tid` of process `pid`; both messages go to module 999. */
+TOVI_API void dump_thread_stack_sig_roc(int32_t pid, int32_t tid);
+
+/** State of one thread of this process as the kernel side reports it. */
+typedef struct tovi_thrd_status_s {
+    int32_t tid;    /**< the thread asked for */
+    char state;     /**< 'R' running, 'S' sleeping, 'D' waiting on I/O, ... */
+    int32_t cpu;    /**< the CPU it last ran on */
+    uint64_t utime; /**< user time, clock ticks */
+    uint64_t stime; /**< system time, clock ticks */
+} tovi_thrd_status_s;
+
+/** Fills `*status` for thread `tid` of this process. 0, or 0xFFFFFFFF with
+ *  "Tovi syscall for thrd_getstatus failed." (also for NULL). */
+TOVI_API uint32_t tovi_thrd_getstatus(int32_t tid, tovi_thrd_status_s *status);
+
+/** Dumps the stack of the thread of this process that is running on `cpu`
+ *  (signal 61). 0, or 0xFFFFFFFF with "Tovi syscall for
+ *  cur_cpu_thrd_getstatus failed." when none is found. */
+TOVI_API uint32_t tovi_thrd_dump_cpu_stack_knl(uint32_t cpu);
+
 TOVI_EXTERN_C_END
 
 #endif

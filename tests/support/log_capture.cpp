@@ -16,6 +16,7 @@ std::mutex &g_mutex = *new std::mutex;
 std::vector<LogRecord> &g_records = *new std::vector<LogRecord>;
 std::vector<std::string> &g_calls = *new std::vector<std::string>;
 unsigned g_threshold = 7;
+void (*g_raw_hook)(const char *) = nullptr;
 
 std::string format(const char *fmt, va_list ap)
 {
@@ -108,6 +109,11 @@ void LogCapture::set_threshold(unsigned level)
     g_threshold = level;
 }
 
+void LogCapture::set_raw_hook(void (*hook)(const char *text))
+{
+    __atomic_store_n(&g_raw_hook, hook, __ATOMIC_RELEASE);
+}
+
 }  // namespace tovi::test
 
 using tovi::test::LogRecord;
@@ -134,6 +140,8 @@ int vrlog(unsigned int module, unsigned int level, const char *file, unsigned in
 int vrlog_vraw(const char *fmt, va_list ap)
 {
     std::string text = tovi::test::format(fmt, ap);
+    if (auto hook = __atomic_load_n(&tovi::test::g_raw_hook, __ATOMIC_ACQUIRE))
+        hook(text.c_str());
     tovi::test::store(LogRecord{0, 0, "", 0, "", text, true});
     return static_cast<int>(text.size());
 }

@@ -36,6 +36,9 @@ public:
     // Calls of the logging library's control functions, as
     // "name(arg,arg,...)", in order.
     std::vector<std::string> control_calls() const;
+    // Called with the text of every raw line before it is stored (outside
+    // the capture's lock; it may block to hold a signal handler in place).
+    static void set_raw_hook(void (*hook)(const char *text));
 };
 
 }  // namespace tovi::test

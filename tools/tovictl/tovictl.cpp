@@ -340,6 +340,8 @@ int tovictl_time(int argc, char **argv);
 int tovictl_numa(int argc, char **argv);
 int tovictl_partitions(int argc, char **argv);
 int tovictl_syscall(int argc, char **argv);
+int tovictl_dump(int argc, char **argv);
+int tovictl_crash(int argc, char **argv);
 
 namespace {
 
@@ -358,6 +360,8 @@ const Command kCommands[] = {
     {"numa", "numa [FILE]          the system CPU masks and the NUMA nodes of FILE (default: the platform's)", tovictl_numa},
     {"partitions", "partitions [FILE]    the CPU partition table of FILE (default: the platform's)", tovictl_partitions},
     {"syscall", "syscall CMD [HEX]    call a private system call of this user's running server", tovictl_syscall},
+    {"dump", "dump PID TID         a thread of a running libtovi process dumps its stack into its log", tovictl_dump},
+    {"crash", "crash                a child dies of a fault: what its dump looks like", tovictl_crash},
 };
 
 int usage(FILE *out, int code)
