@@ -36,6 +36,7 @@ set(names
   list/tovi_list.cpp=tovi_list
   lock/tovi_lock.cpp=tovi_lock
   mem/tovi_mem.cpp=tovi_mem
+  shm/tovi_shm.cpp=tovi_shm_posix
   percpu_posix/tovi_percpu_posix.cpp=tovi_percpu_posix
   queue/tovi_queue.cpp=tovi_ring
   sched/tovi_sched.cpp=tovi_sched
