@@ -24,6 +24,12 @@ enum class Backend { kernel, user };
 inline constexpr uint32_t kCmdMemTable = 0x401;  // a1: where to store the usage table's address
 inline constexpr uint32_t kCmdMemDump = 0x402;   // dump the memory statistics
 inline constexpr uint32_t kCmdWait = 0x800;      // a1: wait word, a2: jiffies in/out, a3: result
+// Whole-machine CPU frequency steps; a1: the caller's result word (i32).
+inline constexpr uint32_t kCmdCpufreqLowAll = 0x300;
+inline constexpr uint32_t kCmdCpufreqHighAll = 0x301;
+inline constexpr uint32_t kCmdCpufreqStepUp = 0x302;
+inline constexpr uint32_t kCmdCpufreqStepDown = 0x303;
+inline constexpr uint32_t kCmdCpufreqLocal = 0x304;  // a1: the platform's frequency record
 
 Backend backend();
 const char *backend_name();
@@ -63,6 +69,12 @@ namespace user {
 long syscall(uint32_t cmd, long a1, long a2, long a3);
 bool control_known(const char *path);
 long control_ioctl(const char *path, unsigned long request, void *arg);
+}  // namespace user
+
+namespace user {
+// CPU frequency steps 0x300-0x304: only the platform kernel can change a
+// CPU's frequency, so the stand-in refuses them (-1, ENOSYS).
+long cpufreq_refused(long a1, long a2, long a3);
 }  // namespace user
 
 }  // namespace tovi::companion

@@ -107,6 +107,11 @@ constexpr Command kCommands[] = {
     {kCmdMemTable, mem_table},
     {kCmdMemDump, mem_dump},
     {kCmdWait, wait_on_word},
+    {kCmdCpufreqLowAll, cpufreq_refused},
+    {kCmdCpufreqHighAll, cpufreq_refused},
+    {kCmdCpufreqStepUp, cpufreq_refused},
+    {kCmdCpufreqStepDown, cpufreq_refused},
+    {kCmdCpufreqLocal, cpufreq_refused},
 };
 
 // The control files of the kernel side and the ioctl requests served for

@@ -8,6 +8,7 @@
 #include <safe_str_lib.h>
 
 #include "tovi_bitop.h"
+#include "tovi_cpufreq.h"
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
 #define TOVI_LOG_SOURCE "tovi_init"
@@ -63,6 +64,7 @@ constexpr StartStep kStartSteps[] = {
     {[]() -> uint32_t { return sysinfo_init() == 0 ? 0u : TOVI_ERR; }, "Tovi sysinfo initialize failed.", true},
     {[]() -> uint32_t { return cpuinfo_init() == 0 ? 0u : TOVI_ERR; }, "Tovi cpuinfo initialize failed.", true},
     {[]() -> uint32_t { return sched_work_init() == 0 ? 0u : TOVI_ERR; }, "Tovi schedWork initialize failed.", true},
+    {[]() -> uint32_t { return tovi_cpufreq_init() == 0 ? 0u : TOVI_ERR; }, "Tovi cpufreq initialize failed.", true},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
     {tovi_thrd_module_init, nullptr, false},
     {[]() -> uint32_t { return tovi_timer_module_init() == 0 ? 0u : TOVI_ERR; }, "Tovi timer initialize failed.", true},
