@@ -30,6 +30,8 @@ cases=(
   "2|tovictl: timers: COUNT must be a number from 0 to 100000, not '-1'|timers -n -1"
   "2|tovictl: timers: COUNT must be a number from 0 to 100000, not '100001'|timers -n 100001"
   "2|tovictl: timers: unexpected '-n' \(usage: tovictl timers \[-n COUNT\]\)|timers -n"
+  "2|tovictl: cpu: N must be a number from 1 to 100000, not '0'|cpu -n 0"
+  "2|tovictl: cpu: unexpected 'x' \(usage: tovictl cpu \[-n N\]\)|cpu x"
   "2|tovictl: cfg: needs a verb: get, set, add, del, delsection or dump|cfg"
   "2|tovictl: cfg: unknown verb 'frob' \(get, set, add, del, delsection or dump\)|cfg frob $tmp/ok.ini"
   "2|tovictl: cfg: usage: tovictl cfg set FILE SECTION ITEM VALUE|cfg set $tmp/ok.ini s a"
@@ -71,6 +73,16 @@ VRLOG_LEVEL=3 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" && fail "VRLOG_LEVEL=3 tovictl info: messages above the threshold"
 VRLOG_LEVEL=3,381=6 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=3,381=6 tovictl info: the library's messages are missing"
+
+# One CPU sample: the topology line, a column per CPU, one line of percentages.
+"${tool[@]}" cpu -n 1 >"$tmp/out" 2>&1 || fail "tovictl cpu -n 1: status $?"
+grep -Eq '^[0-9]+ package\(s\), [0-9]+ logical CPU\(s\), [0-9]+ online, model .+$' "$tmp/out" ||
+  fail "tovictl cpu -n 1: no topology line: $(head -1 "$tmp/out")"
+grep -Eq '^time +all +mem( +cpu[0-9]+)+$' "$tmp/out" || fail "tovictl cpu -n 1: no heading"
+[ "$(grep -Ec '^[0-9]{2}:[0-9]{2}:[0-9]{2}( +[0-9]{1,3}%)+$' "$tmp/out")" -eq 1 ] || fail "tovictl cpu -n 1: not one sample line"
+# The shared memory the library made: the machine-wide usage arrays.
+"${tool[@]}" mem >"$tmp/out" 2>&1 || fail "tovictl mem: status $?"
+grep -Eq '^  posix  SYSINFO_PUICPUUSAGE_NOROOT +[0-9]+ bytes at 0x' "$tmp/out" || fail "tovictl mem: the usage array is not listed"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))

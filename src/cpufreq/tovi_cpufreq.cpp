@@ -25,7 +25,6 @@ namespace {
 
 using tovi::log::kError;
 using tovi::log::kInfo;
-using tovi::log::kWarning;
 
 constexpr const char *kCpuFile = "/sys/devices/system/cpu/cpu%u/cpufreq/%s";
 constexpr const char *kAvailable = "scaling_available_frequencies";
@@ -63,7 +62,7 @@ uint32_t online_cpus(uint32_t *cpus)
 
 // First line of a CPU's cpufreq file (at most 255 characters) without its
 // line feed. Missing files are common (virtual machines, CPUs without
-// scaling), so they are reported through the rate limiter.
+// scaling), so they are reported at level 6 through the rate limiter.
 bool read_cpu_file(uint32_t cpu, const char *name, char *out, size_t size)
 {
     char path[128];
@@ -73,7 +72,7 @@ bool read_cpu_file(uint32_t cpu, const char *name, char *out, size_t size)
     if (f != nullptr)
         std::fclose(f);
     if (!ok) {
-        TOVI_LOG_RATELIMITED(kWarning, "Load cpu%d %s file fail!", static_cast<int>(cpu), name);
+        TOVI_LOG_RATELIMITED(kInfo, "Load cpu%d %s file fail!", static_cast<int>(cpu), name);
         return false;
     }
     out[std::strcspn(out, "\n")] = '\0';

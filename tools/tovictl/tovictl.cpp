@@ -336,6 +336,7 @@ int tovictl_timers(int argc, char **argv);
 int tovictl_cfg(int argc, char **argv);
 int tovictl_work(int argc, char **argv);
 int tovictl_net(int argc, char **argv);
+int tovictl_cpu(int argc, char **argv);
 
 namespace {
 
@@ -345,11 +346,12 @@ const Command kCommands[] = {
     {"crc32c", "crc32c [-v] FILE...  CRC32C of each file (-v: and the throughput)", cmd_crc32c},
     {"crc16", "crc16 [-v] FILE...   CRC16 T10-DIF of each file (-v: and the throughput)", cmd_crc16},
     {"threads", "threads              the library threads of a process with a few named threads and a pool", tovictl_threads},
-    {"mem", "mem                  the tracked memory of each module", tovictl_mem},
+    {"mem", "mem                  the tracked memory of each module and the shared memory the library made", tovictl_mem},
     {"timers", "timers [-n COUNT]    the pending timers (-n: arm COUNT sample timers first)", tovictl_timers},
     {"cfg", "cfg VERB FILE ...     get|set|add|del|delsection|dump an ini file", tovictl_cfg},
     {"work", "work [-n COUNT]      the work pool's and hr timers' counters under a sample load", tovictl_work},
     {"net", "net IFNAME           addresses, recorded rules and routes of an interface; the sshd port", tovictl_net},
+    {"cpu", "cpu [-n N]           CPU usage of the machine and of each CPU once a second (-n: N samples)", tovictl_cpu},
 };
 
 int usage(FILE *out, int code)
