@@ -1,19 +1,17 @@
-// Shared memory: POSIX objects in a private /dev/shm (a small tmpfs, so a
-// full one can be met), System V segments in a private IPC namespace.
+// Shared memory: POSIX objects in a private, small /dev/shm; System V segments in a private IPC namespace.
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
 #include <sched.h>
 #include <string>
-#include <sys/mount.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <vector>
 
 #include "child.hpp"
 #include "log_capture.hpp"
+#include "poll.hpp"
 #include "tovi_shm.h"
 
 using tovi::test::LogCapture;
@@ -24,59 +22,29 @@ namespace {
 // The permissions /proc/self/maps shows for the mapping at `addr` ("rw-s").
 std::string perms_of(const void *addr)
 {
-    char want[32], line[512];
-    std::snprintf(want, sizeof want, "%lx-", reinterpret_cast<unsigned long>(addr));
-    FILE *f = std::fopen("/proc/self/maps", "r");
-    std::string found = "<unmapped>";
-    while (f != nullptr && std::fgets(line, sizeof line, f) != nullptr)
-        if (std::string(line).rfind(want, 0) == 0)
-            found = std::string(line).substr(std::string(line).find(' ') + 1, 4);
-    return f != nullptr && std::fclose(f) == 0 ? found : "<no maps>";
-}
-
-std::string g_listing;
-int collect(const char *fmt, ...)
-{
-    char buf[256];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    g_listing += buf;
-    return n;
+    const std::string maps = "\n" + tovi::test::read_file("/proc/self/maps");
+    const size_t at = maps.find(tovi::test::fmt("\n%lx-", reinterpret_cast<unsigned long>(addr)));
+    return at == std::string::npos ? "<unmapped>" : maps.substr(maps.find(' ', at) + 1, 4);
 }
 
 std::string listing()
 {
-    g_listing.clear();
-    tovi_shm_show(collect);
-    return g_listing;
-}
-
-void in_namespace(int flags, const std::function<std::string()> &body)
-{
-    std::string failure = tovi::test::report_from_child([&] {
-        return unshare(CLONE_NEWNS | flags) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                       mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=64k") == 0 ? body() : "SKIP";
-    });
-    if (failure == "SKIP")
-        GTEST_SKIP() << "no private mount or IPC namespace here";
-    EXPECT_EQ(failure, "");
+    testing::internal::CaptureStdout();
+    tovi_shm_show(std::printf);
+    return std::fflush(stdout), testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
 
 TEST(Shm, PosixObjectsFollowTheirAccessModeAndReserveTheirPages)
 {
-    in_namespace(0, []() -> std::string {
+    EXPECT_CHILD_REPORT(tovi::test::in_private_mounts(0, {"/dev/shm:size=64k"}, []() -> std::string {
         LogCapture cap;
         umask(0);
         auto *first = static_cast<char *>(tovi_shm_create("a", O_CREAT | O_RDWR, 8192));
-        CHILD_CHECK(first != nullptr && perms_of(first) == "rw-s");
-        first[8191] = 'x';
-        struct stat st {};
-        CHILD_CHECK(stat("/dev/shm/a", &st) == 0 && (st.st_mode & 0777) == TOVI_SHM_DEFAULT_MODE && st.st_size == 8192);
-        CHILD_CHECK(st.st_blocks * 512 >= 8192);  // reserved, not sparse
+        CHILD_CHECK(first != nullptr && perms_of(first) == "rw-s" && (first[8191] = 'x'));
+        struct stat st {};  // reserved, not sparse
+        CHILD_CHECK(stat("/dev/shm/a", &st) == 0 && (st.st_mode & 0777) == TOVI_SHM_DEFAULT_MODE && st.st_size == 8192 && st.st_blocks * 512 >= 8192);
         const struct {
             const char *name;
             int oflag;
@@ -96,11 +64,8 @@ TEST(Shm, PosixObjectsFollowTheirAccessModeAndReserveTheirPages)
         for (const auto &c : cases) {
             cap.clear();
             auto *p = static_cast<char *>(tovi_shm_create_ext(c.name, c.oflag, 0660, c.size));
-            const std::string where = std::string(c.name != nullptr ? c.name : "NULL") + " " + std::to_string(c.oflag);
-            if (c.perms == nullptr ? p != nullptr : p == nullptr || perms_of(p) != c.perms || p[8191] != 'x')
-                return "case " + where + ": got " + (p == nullptr ? "NULL" : perms_of(p));
-            if (cap.texts() != c.said)
-                return "case " + where + ": said " + (cap.texts().empty() ? "nothing" : cap.texts()[0]);
+            if (c.perms == nullptr ? p != nullptr : p == nullptr || perms_of(p) != c.perms || p[8191] != 'x' || cap.texts() != c.said)
+                return tovi::test::fmt("case %s %d: got %s", c.name, c.oflag, p == nullptr ? "NULL" : perms_of(p).c_str());
         }
         // One entry per name (the last mapping); "big" never was mapped.
         const std::string list = listing();
@@ -113,12 +78,12 @@ TEST(Shm, PosixObjectsFollowTheirAccessModeAndReserveTheirPages)
         CHILD_CHECK(cap.texts() == Texts{"Destroy shm fail, ret<-1> errno<2>."});
         CHILD_CHECK(listing() == "Shared memory of this process:\n  none\n");
         return "";
-    });
+    }));
 }
 
 TEST(Shm, SystemVSegmentsAttachAndGo)
 {
-    in_namespace(CLONE_NEWIPC, []() -> std::string {
+    EXPECT_CHILD_REPORT(tovi::test::in_private_mounts(CLONE_NEWIPC, {}, []() -> std::string {
         int32_t id = tovi_shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
         auto *a = static_cast<char *>(tovi_shmat(id)), *b = static_cast<char *>(tovi_shmat(id));
         CHILD_CHECK(id >= 0 && a != nullptr && b != nullptr && a != b);
@@ -130,5 +95,5 @@ TEST(Shm, SystemVSegmentsAttachAndGo)
         CHILD_CHECK(tovi_shmdel(id) == 0 && listing().find("sysv") == std::string::npos);
         CHILD_CHECK(shmdt(a) == 0 && shmdt(b) == 0 && tovi_shmdel(id) == -1);
         return "";
-    });
+    }));
 }

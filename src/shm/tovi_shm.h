@@ -20,12 +20,12 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* The mode tovi_shm_create gives a new object: read and write for its
+/** The mode tovi_shm_create gives a new object: read and write for its
  * owner only. Processes of other users that must share an object name it
  * with tovi_shm_create_ext and a wider mode (the CPU-usage arrays use 0660). */
 #define TOVI_SHM_DEFAULT_MODE 0600
 
-/* How many objects and segments the process record holds. */
+/** How many objects and segments the process record holds. */
 #define TOVI_SHM_RECORDS 64u
 
 /** Opens (or with O_CREAT creates) the POSIX shared memory object `name`

@@ -12,7 +12,9 @@
  * Every process that starts the library starts a sampler thread, which first
  * waits for an exclusive lock on "/dev/shm/SYSINFO_PUICPUUSAGE_NOROOT": the
  * process holding it samples, the others read, and when the holder ends the
- * next waiter takes over. Busy = total - idle, where total is the sum of
+ * next waiter takes over. The lock is a record lock, which the kernel drops
+ * when the holder closes any descriptor of that file: a process must not
+ * open it itself. Busy = total - idle, where total is the sum of
  * user, nice, system, idle, iowait, irq and softirq and idle is the idle
  * field alone (I/O wait counts as busy); a percentage changes only when the
  * total did.
@@ -42,7 +44,7 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* Bytes a buffer for tovi_get_cpumodel_info must hold. */
+/** Bytes a buffer for tovi_get_cpumodel_info must hold. */
 #define TOVI_CPUMODEL_LEN 64u
 
 /** Once per process: creates or attaches the three usage arrays and, unless
