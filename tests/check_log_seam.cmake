@@ -44,6 +44,10 @@ set(names
   lock/tovi_lock.cpp=tovi_lock
   mem/tovi_mem.cpp=tovi_mem
   mem/tovi_mem_info.cpp=tovi_mem
+  shm/tovi_shm.cpp=tovi_shm_posix
+  sysinfo/tovi_sysinfo.cpp=tovi_sysinfo
+  sysinfo/tovi_cpuinfo.cpp=tovi_cpuinfo
+  cpufreq/tovi_cpufreq.cpp=tovi_cpufreq
   percpu_posix/tovi_percpu_posix.cpp=tovi_percpu_posix
   queue/tovi_queue.cpp=tovi_ring
   sched/tovi_sched.cpp=tovi_sched

@@ -30,6 +30,8 @@ cases=(
   "2|tovictl: timers: COUNT must be a number from 0 to 100000, not '-1'|timers -n -1"
   "2|tovictl: timers: COUNT must be a number from 0 to 100000, not '100001'|timers -n 100001"
   "2|tovictl: timers: unexpected '-n' \(usage: tovictl timers \[-n COUNT\]\)|timers -n"
+  "2|tovictl: cpu: N must be a number from 1 to 100000, not '0'|cpu -n 0"
+  "2|tovictl: cpu: unexpected 'x' \(usage: tovictl cpu \[-n N\]\)|cpu x"
   "2|tovictl: cfg: needs a verb: get, set, add, del, delsection or dump|cfg"
   "2|tovictl: cfg: unknown verb 'frob' \(get, set, add, del, delsection or dump\)|cfg frob $tmp/ok.ini"
   "2|tovictl: cfg: usage: tovictl cfg set FILE SECTION ITEM VALUE|cfg set $tmp/ok.ini s a"
@@ -109,6 +111,12 @@ grep -qx 'node 1   used   2-3,9' "$tmp/out" || fail "tovictl numa: said '$(cat "
 grep -Eq '^child [0-9]+ died of signal 11 ' "$tmp/out" || fail "tovictl crash: said '$(cat "$tmp/out")'"
 grep -q 'RIP=0x[0-9a-f]* value=0x[0-9a-f]* func=tovictl_crash_here+0x' "$tmp/err" ||
   fail "tovictl crash: the dump does not name the faulting function"
+# One CPU sample (the topology, a heading with a column per CPU, one line of percentages); the library's shared memory.
+"${tool[@]}" cpu -n 1 >"$tmp/out" 2>&1 && "${tool[@]}" mem >>"$tmp/out" 2>&1 || fail "tovictl cpu -n 1 / mem: status $?"
+for re in '^[0-9]+ package\(s\), [0-9]+ logical CPU\(s\), [0-9]+ online, model .+$' '^time +all +mem( +cpu[0-9]+)+$' \
+  '^[0-9]{2}:[0-9]{2}:[0-9]{2}( +[0-9]{1,3}%)+$' '^  posix  SYSINFO_PUICPUUSAGE_NOROOT +[0-9]+ bytes at 0x'; do
+  [ "$(grep -Ec "$re" "$tmp/out")" -eq 1 ] || fail "tovictl cpu -n 1 / mem: not one line like $re"
+done
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))

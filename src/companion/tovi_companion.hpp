@@ -58,6 +58,12 @@ inline constexpr uint32_t kCmdLocalOnly = 0x80000000u;
 inline constexpr uint32_t kCmdThreadStatus = kCmdLocalOnly | 0x501;
 // a1 CPU, a2 int32_t * for the tid of a thread of this process running there.
 inline constexpr uint32_t kCmdCpuThread = kCmdLocalOnly | 0x502;
+// Whole-machine CPU frequency steps; a1: the caller's result word (i32).
+inline constexpr uint32_t kCmdCpufreqLowAll = 0x300;
+inline constexpr uint32_t kCmdCpufreqHighAll = 0x301;
+inline constexpr uint32_t kCmdCpufreqStepUp = 0x302;
+inline constexpr uint32_t kCmdCpufreqStepDown = 0x303;
+inline constexpr uint32_t kCmdCpufreqLocal = 0x304;  // a1: the platform's frequency record
 
 Backend backend();
 const char *backend_name();
@@ -133,6 +139,12 @@ long refuse_platform(long a1, long a2, long a3, long a4);
 long register_query(long a1, long a2, long a3, long a4);
 long thread_status(long a1, long a2, long a3, long a4);
 long cpu_thread(long a1, long a2, long a3, long a4);
+}  // namespace user
+
+namespace user {
+// CPU frequency steps 0x300-0x304: only the platform kernel can change a
+// CPU's frequency, so the stand-in refuses them (-1, ENOSYS).
+long cpufreq_refused(long a1, long a2, long a3);
 }  // namespace user
 
 }  // namespace tovi::companion

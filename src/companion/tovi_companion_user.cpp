@@ -130,6 +130,11 @@ constexpr Command kCommands[] = {
     {kCmdRegisters, nullptr, register_query},
     {kCmdThreadStatus, nullptr, thread_status},
     {kCmdCpuThread, nullptr, cpu_thread},
+    {kCmdCpufreqLowAll, cpufreq_refused},
+    {kCmdCpufreqHighAll, cpufreq_refused},
+    {kCmdCpufreqStepUp, cpufreq_refused},
+    {kCmdCpufreqStepDown, cpufreq_refused},
+    {kCmdCpufreqLocal, cpufreq_refused},
 };
 
 long run(const Command &c, long a1, long a2, long a3, long a4)

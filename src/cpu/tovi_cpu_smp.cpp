@@ -6,12 +6,9 @@
 
 #include "tovi_cpu.h"
 #include "tovi_cpumask.h"
+#include "tovi_sysinfo.h"
 #define TOVI_LOG_SOURCE "tovi_smp"
 #include "tovi_log.hpp"
-
-// The online count is the CPU-usage sampler's (it caches the system's
-// count); a library built without the sampler asks the system directly.
-extern "C" uint32_t tovi_sysinfo_cpu_num(void) __attribute__((weak));
 
 namespace {
 
@@ -20,12 +17,10 @@ using tovi::log::kError;
 std::mutex g_mutex;
 std::atomic<uint32_t> g_counted{0};
 
+// The online count is the CPU-usage sampler's (it caches the system's count).
 uint32_t online_now()
 {
-    if (tovi_sysinfo_cpu_num != nullptr)
-        return tovi_sysinfo_cpu_num();
-    long n = sysconf(_SC_NPROCESSORS_ONLN);
-    return n > 0 ? static_cast<uint32_t>(n) : 0;
+    return tovi_sysinfo_cpu_num();
 }
 
 }  // namespace

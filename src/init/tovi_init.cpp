@@ -11,6 +11,7 @@
 #include "tovi_bitop.h"
 #include "tovi_cpu.h"
 #include "tovi_cpumask.h"
+#include "tovi_cpufreq.h"
 #include "tovi_init.h"
 #include "tovi_jiffies.h"
 #define TOVI_LOG_SOURCE "tovi_init"
@@ -18,6 +19,7 @@
 #include "tovi_sched.h"
 #include "tovi_schedwork.h"
 #include "tovi_symbol.h"
+#include "tovi_sysinfo.h"
 #include "tovi_thread.h"
 #include "tovi_time.h"
 #include "tovi_timer.h"
@@ -62,9 +64,12 @@ constexpr StartStep kStartSteps[] = {
     {name_modules, nullptr, false},
     {tovi_thrd_setpid_accl, nullptr, false},
     {tovi_sched_init, nullptr, false},
+    {[]() -> uint32_t { return sysinfo_init() == 0 ? 0u : TOVI_ERR; }, "Tovi sysinfo initialize failed.", true},
+    {[]() -> uint32_t { return cpuinfo_init() == 0 ? 0u : TOVI_ERR; }, "Tovi cpuinfo initialize failed.", true},
     {[]() -> uint32_t { return sched_work_init() == 0 ? 0u : TOVI_ERR; }, "Tovi schedWork initialize failed.", true},
     {[]() -> uint32_t { return static_cast<uint32_t>(cpumask_init()); }, nullptr, false},
     {[]() -> uint32_t { return static_cast<uint32_t>(globalCpuNum_init()); }, nullptr, false},
+    {[]() -> uint32_t { return tovi_cpufreq_init() == 0 ? 0u : TOVI_ERR; }, "Tovi cpufreq initialize failed.", true},
     {tovi_gettime_init, "Tovi time initialize failed.", true},
     {tovi_thrd_module_init, nullptr, false},
     {[]() -> uint32_t { return tovi_affinity_init() == 0 ? 0u : TOVI_ERR; }, "Tovi affinity initialize failed.", false},
@@ -130,6 +135,7 @@ uint32_t tovi_destory(void)
         return 0;
     TOVI_LOG(kInfo, "Tovi destroy start.");
     pid_destroy_names();
+    sysinfo_exit();
     sched_work_destroy();
     tovi_symbol_fini();
     TOVI_LOG(kInfo, "Tovi destroy end.");

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,6 +46,21 @@ bool write_file(const std::string &path, const std::string &text, mode_t mode)
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
     bool ok = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     return fd >= 0 && close(fd) == 0 && ok;
+}
+
+std::string in_private_mounts(int flags, const std::vector<std::string> &tmpfs, const std::function<std::string()> &body)
+{
+    return report_from_child([&]() -> std::string {
+        if (unshare(CLONE_NEWNS | flags) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            return "SKIP";
+        for (const std::string &t : tmpfs) {
+            const size_t colon = t.find(':');
+            const std::string options = colon == std::string::npos ? "" : t.substr(colon + 1);
+            if (mount("tmpfs", t.substr(0, colon).c_str(), "tmpfs", 0, options.c_str()) != 0)
+                return "SKIP";
+        }
+        return body();
+    });
 }
 
 std::string read_file(const std::string &path)

@@ -342,6 +342,7 @@ int tovictl_partitions(int argc, char **argv);
 int tovictl_syscall(int argc, char **argv);
 int tovictl_dump(int argc, char **argv);
 int tovictl_crash(int argc, char **argv);
+int tovictl_cpu(int argc, char **argv);
 
 namespace {
 
@@ -351,7 +352,7 @@ const Command kCommands[] = {
     {"crc32c", "crc32c [-v] FILE...  CRC32C of each file (-v: and the throughput)", cmd_crc32c},
     {"crc16", "crc16 [-v] FILE...   CRC16 T10-DIF of each file (-v: and the throughput)", cmd_crc16},
     {"threads", "threads              the library threads of a process with a few named threads and a pool", tovictl_threads},
-    {"mem", "mem                  the tracked memory of each module", tovictl_mem},
+    {"mem", "mem                  the tracked memory of each module and the shared memory the library made", tovictl_mem},
     {"timers", "timers [-n COUNT]    the pending timers (-n: arm COUNT sample timers first)", tovictl_timers},
     {"cfg", "cfg VERB FILE ...     get|set|add|del|delsection|dump an ini file", tovictl_cfg},
     {"work", "work [-n COUNT]      the work pool's and hr timers' counters under a sample load", tovictl_work},
@@ -362,6 +363,7 @@ const Command kCommands[] = {
     {"syscall", "syscall CMD [HEX]    call a private system call of this user's running server", tovictl_syscall},
     {"dump", "dump PID TID         a thread of a running libtovi process dumps its stack into its log", tovictl_dump},
     {"crash", "crash                a child dies of a fault: what its dump looks like", tovictl_crash},
+    {"cpu", "cpu [-n N]           CPU usage of the machine and of each CPU once a second (-n: N samples)", tovictl_cpu},
 };
 
 int usage(FILE *out, int code)

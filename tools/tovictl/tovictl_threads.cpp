@@ -1,5 +1,5 @@
-// tovictl threads / mem: the thread registry and the tracked memory of a
-// process that starts a few library threads and a pool.
+// tovictl threads / mem: the thread registry, the tracked memory and the
+// shared memory of a process that starts the library, a few threads and a pool.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +9,7 @@
 #include "tovi_init.h"
 #include "tovi_mem.h"
 #include "tovi_sched.h"
+#include "tovi_shm.h"
 #include "tovi_thread.h"
 
 namespace {
@@ -73,6 +74,7 @@ int tovictl_mem(int argc, char **argv)
     void *block = TOVI_MALLOC(200, 4096);  // a module's own tracked table
     tovi_mem_show(std::printf);
     TOVI_FREE(block);
+    tovi_shm_show(std::printf);
     g_stop = true;
     return 0;
 }
