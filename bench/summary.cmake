@@ -1,9 +1,10 @@
 # Prints one table of every hot path against its peer from the JSON results
 # the benchmark programs wrote into DIR (bench_<topic>.json):
 #   cmake -DDIR=build/native/bench -P bench/summary.cmake
-# ratio = our time / the peer's time, from the same run (below 1.0: faster).
+# ratio = our CPU time / the peer's, from the same run (below 1.0: faster);
+# CPU time, as other work on a shared machine inflates the wall-clock times.
 # With repetitions the medians are compared, else the single runs. A peer
-# written "a|b" is the faster of the two.
+# written "a,b" is the faster of the two.
 
 # path; our benchmark; the peer benchmark(s); the file that holds them
 set(rows
@@ -44,7 +45,7 @@ function(load topic)
   foreach(i RANGE ${last})
     string(JSON type GET "${json}" benchmarks ${i} run_type)
     string(JSON name GET "${json}" benchmarks ${i} run_name)
-    string(JSON t GET "${json}" benchmarks ${i} real_time)
+    string(JSON t GET "${json}" benchmarks ${i} cpu_time)
     string(JSON unit GET "${json}" benchmarks ${i} time_unit)
     if(type STREQUAL "aggregate")
       string(JSON agg GET "${json}" benchmarks ${i} aggregate_name)

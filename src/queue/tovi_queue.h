@@ -290,11 +290,19 @@ TOVI_RING_INL_ void tovi_ring_inl_move_(tovi_ring_t *r, uint32_t mask, uint32_t 
     const uint32_t idx = head & mask;
     const uint32_t room = mask + 1 - idx;
     const uint32_t run = n <= room ? n : room;
-    if (n == 1) {
+    if (n == 1) { /* the single-object calls: no run, no wrap */
         if (in)
             slots[idx] = objs[0];
         else
             objs[0] = slots[idx];
+        return;
+    }
+    if (__builtin_expect(n <= room, 1)) {
+        /* No wrap: one run of n, unrolled where n is a constant. */
+        if (in)
+            tovi_ring_inl_copy_(slots + idx, objs, n);
+        else
+            tovi_ring_inl_copy_(objs, slots + idx, n);
         return;
     }
     if (in) {
@@ -326,7 +334,9 @@ TOVI_RING_INL_ uint32_t tovi_ring_inl_enqueue_(tovi_ring_t *r, const uint64_t *o
     if (!tovi_ring_inl_claim_(&r->prod.head, &r->cons.tail, mask, multi, fixed, n, &c))
         return 0;
     /* They are stored either way; n <= mask < 2^28 leaves bit 31 free. */
-    result = (mask + 1) - c.avail + c.n > r->prod.watermark ? c.n | TOVI_RING_QUOT_EXCEED : c.n;
+    result = c.n;
+    if (__builtin_expect((mask + 1) - c.avail + c.n > r->prod.watermark, 0))
+        result |= TOVI_RING_QUOT_EXCEED;
     tovi_ring_inl_move_(r, mask, c.head, (uint64_t *)objs, c.n, 1);
     tovi_ring_inl_publish_(&r->prod.tail, &c, multi);
     return result;
@@ -394,16 +404,26 @@ TOVI_RING_INL_ uint32_t tovi_ring_inl_dequeue_burst(tovi_ring_t *r, uint64_t *ob
 
 TOVI_RING_INL_ int32_t tovi_ring_inl_enqueue(tovi_ring_t *r, uint64_t obj)
 {
-    if (r == 0 || (r->prod.sp_enqueue != 1 && r->prod.sp_enqueue != 0))
-        return (tovi_ring_enqueue)(r, obj);
-    return tovi_ring_inl_enqueue_bulk(r, &obj, 1);
+    if (r != 0) {
+        const uint32_t mode = r->prod.sp_enqueue;
+        if (mode == 1)
+            return tovi_ring_inl_fixed_result_(tovi_ring_inl_enqueue_(r, &obj, 1, 0, 1), 1);
+        if (mode == 0)
+            return tovi_ring_inl_fixed_result_(tovi_ring_inl_enqueue_(r, &obj, 1, 1, 1), 1);
+    }
+    return (tovi_ring_enqueue)(r, obj);
 }
 
 TOVI_RING_INL_ int32_t tovi_ring_inl_dequeue(tovi_ring_t *r, uint64_t *obj)
 {
-    if (r == 0 || obj == 0 || (r->cons.sc_dequeue != 2 && r->cons.sc_dequeue != 0))
-        return (tovi_ring_dequeue)(r, obj);
-    return tovi_ring_inl_dequeue_bulk(r, obj, 1);
+    if (r != 0 && obj != 0) {
+        const uint32_t mode = r->cons.sc_dequeue;
+        if (mode == 2)
+            return tovi_ring_inl_dequeue_(r, obj, 1, 0, 1) == 1 ? 0 : TOVI_RING_ENOENT;
+        if (mode == 0)
+            return tovi_ring_inl_dequeue_(r, obj, 1, 1, 1) == 1 ? 0 : TOVI_RING_ENOENT;
+    }
+    return (tovi_ring_dequeue)(r, obj);
 }
 
 #undef TOVI_RING_INL_
