@@ -227,6 +227,11 @@ uint32_t tovi_crc32cContinue(uint32_t crc, const void *buf, uint32_t len)
         tovi_crc32_init();
         routine = g_crc32c_dispatch.load(std::memory_order_relaxed);
     }
+    // Below the folding bound every route is the instruction loop: run it
+    // without the indirect call and the route lookup (short headers and
+    // sectors are the common case).
+    if (routine == crc32c_hardware && len < tovi::arch::kCrc32cFoldMin)
+        return tovi::arch::crc32c_serial(crc, static_cast<const uint8_t *>(buf), len);
     return routine(crc, static_cast<const uint8_t *>(buf), len);
 }
 

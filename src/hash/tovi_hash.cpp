@@ -2,7 +2,6 @@
 // head and the first two fields of a node are list nodes.
 #include <cstddef>
 #include <cstdlib>
-#include <sys/mman.h>
 
 #include "tovi_hash.h"
 #include "tovi_hash.hpp"
@@ -52,24 +51,6 @@ Node *bucket_of(const tovi_hash_table_s *table, uint32_t key32, uint64_t key64)
     // (pow 0, whose hash is the whole product) inside its array.
     uint32_t index = tovi::hash::hash_func(key32, key64, table->pow) & (table->bucketCount - 1);
     return as_list(&table->buckets[index]);
-}
-
-// A large bucket array on the default allocator goes on huge pages where the
-// system grants them: a lookup's first miss, the bucket, then costs no page
-// walk of its own (with 2^20 buckets, 16 MiB of heads, 4 KiB pages would
-// need a walk on nearly every lookup). Freed by free() like any other.
-constexpr std::size_t kHugePage = std::size_t{2} << 20;
-
-void *bucket_alloc(tovi_hash_attr_s *attr, std::size_t bytes)
-{
-    const bool default_allocator = attr == nullptr || (attr->malloc == nullptr && attr->free == nullptr);
-    if (!default_allocator || bytes < kHugePage)
-        return tovi_hash_malloc(attr, bytes);
-    const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
-    void *mem = std::aligned_alloc(kHugePage, rounded);
-    if (mem != nullptr)
-        madvise(mem, rounded, MADV_HUGEPAGE);  // a hint: refused, the pages stay small
-    return mem;
 }
 
 tovi_hash_node_s *find_in(Node *head, uint32_t key32, uint64_t key64)
@@ -150,7 +131,7 @@ int32_t tovi_hash_create_ex(uint32_t count, tovi_hash_table_s **table, uint32_t 
         *table = nullptr;
         return kNoMemory;
     }
-    t->buckets = static_cast<tovi_hash_list_s *>(bucket_alloc(attr, sizeof(tovi_hash_list_s) * buckets));
+    t->buckets = static_cast<tovi_hash_list_s *>(tovi_hash_malloc(attr, sizeof(tovi_hash_list_s) * buckets));
     if (t->buckets == nullptr) {
         tovi_hash_free(attr, t);
         *table = nullptr;

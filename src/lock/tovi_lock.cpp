@@ -82,6 +82,27 @@ __attribute__((noinline)) void spin_slowpath(uint64_t *lock)
 
 // ---- ticket spin lock ----
 
+// The caller's kernel thread id as the owner field records it, cached per
+// thread (initial-exec: reading it calls nothing), so that the ticket lock's
+// owner recording costs a load, not a call; 0 until first use, and again in a
+// forked child, whose thread ids are new.
+__thread uint32_t t_owner_id __attribute__((tls_model("initial-exec"))) = 0;
+
+void forget_owner_id()
+{
+    t_owner_id = 0;
+}
+
+[[maybe_unused]] const int g_owner_fork_hook = pthread_atfork(nullptr, nullptr, forget_owner_id);
+
+inline uint64_t owner_id()
+{
+    uint32_t id = t_owner_id;
+    if (id == 0) [[unlikely]]
+        t_owner_id = id = static_cast<uint32_t>(tovi_thrd_gettid_accl());
+    return id;
+}
+
 uint64_t tspin_pair(const tovi_tspinlock_s *lock)
 {
     uint64_t next = __atomic_load_n(&lock->next, __ATOMIC_RELAXED);
@@ -361,7 +382,7 @@ void do_tovi_tspinlock_lock(tovi_tspinlock_s *lock, const char *func, uint32_t l
 {
     if (lock == nullptr) [[unlikely]]
         return null_lock(__func__);
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
+    const uint64_t me = owner_id();
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
     // Acquire-release: tickets are handed out in one total order.
@@ -379,7 +400,7 @@ uint32_t do_tovi_tspinlock_trylock(tovi_tspinlock_s *lock, const char *func, uin
 {
     if (lock == nullptr) [[unlikely]]
         return null_lock(__func__), 0;
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
+    const uint64_t me = owner_id();
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
     for (;;) {
@@ -399,7 +420,7 @@ void do_tovi_tspinlock_unlock(tovi_tspinlock_s *lock, const char *func, uint32_t
 {
     if (lock == nullptr) [[unlikely]]
         return null_lock(__func__);
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
+    const uint64_t me = owner_id();
     if (__atomic_load_n(&lock->magic, __ATOMIC_RELAXED) != TOVI_TSPINLOCK_MAGIC ||
         __atomic_load_n(&lock->owner, __ATOMIC_RELAXED) != me) [[unlikely]]
         tspin_unlock_reports(lock, me, func, line);

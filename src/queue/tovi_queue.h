@@ -365,7 +365,7 @@ TOVI_RING_INL_ int32_t tovi_ring_inl_fixed_result_(uint32_t result, uint32_t n)
 TOVI_RING_INL_ int32_t tovi_ring_inl_enqueue_bulk(tovi_ring_t *r, const uint64_t *objs, uint32_t n)
 {
     const uint32_t mode = r->prod.sp_enqueue;
-    if (mode == 1)
+    if (__builtin_expect(mode == 1, 1))
         return tovi_ring_inl_fixed_result_(tovi_ring_inl_enqueue_(r, objs, n, 0, 1), n);
     if (mode == 0)
         return tovi_ring_inl_fixed_result_(tovi_ring_inl_enqueue_(r, objs, n, 1, 1), n);
@@ -375,7 +375,7 @@ TOVI_RING_INL_ int32_t tovi_ring_inl_enqueue_bulk(tovi_ring_t *r, const uint64_t
 TOVI_RING_INL_ int32_t tovi_ring_inl_dequeue_bulk(tovi_ring_t *r, uint64_t *objs, uint32_t n)
 {
     const uint32_t mode = r->cons.sc_dequeue;
-    if (mode == 2)
+    if (__builtin_expect(mode == 2, 1))
         return tovi_ring_inl_dequeue_(r, objs, n, 0, 1) == n ? 0 : TOVI_RING_ENOENT;
     if (mode == 0)
         return tovi_ring_inl_dequeue_(r, objs, n, 1, 1) == n ? 0 : TOVI_RING_ENOENT;
@@ -385,7 +385,7 @@ TOVI_RING_INL_ int32_t tovi_ring_inl_dequeue_bulk(tovi_ring_t *r, uint64_t *objs
 TOVI_RING_INL_ uint32_t tovi_ring_inl_enqueue_burst(tovi_ring_t *r, const uint64_t *objs, uint32_t n)
 {
     const uint32_t mode = r->prod.sp_enqueue;
-    if (mode == 1)
+    if (__builtin_expect(mode == 1, 1))
         return tovi_ring_inl_enqueue_(r, objs, n, 0, 0);
     if (mode == 0)
         return tovi_ring_inl_enqueue_(r, objs, n, 1, 0);
@@ -395,7 +395,7 @@ TOVI_RING_INL_ uint32_t tovi_ring_inl_enqueue_burst(tovi_ring_t *r, const uint64
 TOVI_RING_INL_ uint32_t tovi_ring_inl_dequeue_burst(tovi_ring_t *r, uint64_t *objs, uint32_t n)
 {
     const uint32_t mode = r->cons.sc_dequeue;
-    if (mode == 2)
+    if (__builtin_expect(mode == 2, 1))
         return tovi_ring_inl_dequeue_(r, objs, n, 0, 0);
     if (mode == 0)
         return tovi_ring_inl_dequeue_(r, objs, n, 1, 0);
@@ -404,9 +404,9 @@ TOVI_RING_INL_ uint32_t tovi_ring_inl_dequeue_burst(tovi_ring_t *r, uint64_t *ob
 
 TOVI_RING_INL_ int32_t tovi_ring_inl_enqueue(tovi_ring_t *r, uint64_t obj)
 {
-    if (r != 0) {
+    if (__builtin_expect(r != 0, 1)) {
         const uint32_t mode = r->prod.sp_enqueue;
-        if (mode == 1)
+        if (__builtin_expect(mode == 1, 1))
             return tovi_ring_inl_fixed_result_(tovi_ring_inl_enqueue_(r, &obj, 1, 0, 1), 1);
         if (mode == 0)
             return tovi_ring_inl_fixed_result_(tovi_ring_inl_enqueue_(r, &obj, 1, 1, 1), 1);
@@ -416,9 +416,9 @@ TOVI_RING_INL_ int32_t tovi_ring_inl_enqueue(tovi_ring_t *r, uint64_t obj)
 
 TOVI_RING_INL_ int32_t tovi_ring_inl_dequeue(tovi_ring_t *r, uint64_t *obj)
 {
-    if (r != 0 && obj != 0) {
+    if (__builtin_expect(r != 0 && obj != 0, 1)) {
         const uint32_t mode = r->cons.sc_dequeue;
-        if (mode == 2)
+        if (__builtin_expect(mode == 2, 1))
             return tovi_ring_inl_dequeue_(r, obj, 1, 0, 1) == 1 ? 0 : TOVI_RING_ENOENT;
         if (mode == 0)
             return tovi_ring_inl_dequeue_(r, obj, 1, 1, 1) == 1 ? 0 : TOVI_RING_ENOENT;
