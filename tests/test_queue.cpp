@@ -63,6 +63,9 @@ static bool settled(const tovi_ring_t *r)
            (r->cons.sc_dequeue == kRelaxedTail ? g.rts_cons.head == g.rts_cons.tail : r->cons.head == r->cons.tail);
 }
 
+// The inline call (the header's macro) or the exported function of that name.
+#define RING_CALL(exported, fn, ...) ((exported) ? (fn)(__VA_ARGS__) : fn(__VA_ARGS__))
+
 static std::vector<uint64_t> seq(uint64_t from, uint32_t n)
 {
     std::vector<uint64_t> v(n);
@@ -97,7 +100,7 @@ TEST(Queue, CreateLaysOutTheHeaderInFourBlocks)
     tovi_ring_t *r = ring;
     ASSERT_NE(r, nullptr);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(r) % 128, 0u);
-    EXPECT_EQ(reinterpret_cast<char *>(r->slots()) - reinterpret_cast<char *>(r), 512);
+    EXPECT_EQ(reinterpret_cast<char *>(tovi::ring::slots(r)) - reinterpret_cast<char *>(r), 512);
     EXPECT_EQ(r->gen.flags, 0x41u) << "unknown bits are kept";
     EXPECT_EQ(r->prod.watermark, 16u);
     EXPECT_EQ(r->prod.sp_enqueue, 1u);
@@ -191,7 +194,8 @@ TEST(Queue, WaitingForEarlierReservationsYieldsAfterEachRoundOfTests)
 // Random operation sequences against a double-ended queue with the same
 // capacity, for every kind and mode, ring size (1 to 64), starting index (half
 // of them just short of the 32-bit wrap) and watermark (the quota rule counts
-// the kept-empty slot; no room beats the quota; -122 and bit 31 still store).
+// the kept-empty slot; no room beats the quota; -122 and bit 31 still store),
+// through the inline calls and the exported functions.
 TEST(Queue, RandomOperationsMatchAReferenceQueue)
 {
     std::mt19937 rng(20240611);
@@ -203,6 +207,7 @@ TEST(Queue, RandomOperationsMatchAReferenceQueue)
         set_indexes(r, start);
         const uint32_t watermark = trial % 3 ? size : 1 + rng() % size;
         r->prod.watermark = watermark;
+        const bool exported = (trial / 3) % 2 != 0;
         std::deque<uint64_t> model;
         uint64_t next = 1;
         uint32_t taken = 0;
@@ -223,30 +228,30 @@ TEST(Queue, RandomOperationsMatchAReferenceQueue)
                          std::to_string(n));
             switch (rng() % 6) {
             case 0:
-                ASSERT_EQ(tovi_ring_enqueue(r, in[0]), room == 0 ? -105 : above(1) ? -122 : 0);
+                ASSERT_EQ(RING_CALL(exported, tovi_ring_enqueue, r, in[0]), room == 0 ? -105 : above(1) ? -122 : 0);
                 put(room == 0 ? 0 : 1);
                 break;
             case 1:
-                ASSERT_EQ(tovi_ring_dequeue(r, buf.data()), model.empty() ? -2 : 0);
+                ASSERT_EQ(RING_CALL(exported, tovi_ring_dequeue, r, buf.data()), model.empty() ? -2 : 0);
                 ASSERT_TRUE(take(model.empty() ? 0 : 1));
                 break;
             case 2:
-                ASSERT_EQ(tovi_ring_enqueue_bulk(r, in.data(), n), n > room ? -105 : above(n) ? -122 : 0);
+                ASSERT_EQ(RING_CALL(exported, tovi_ring_enqueue_bulk, r, in.data(), n), n > room ? -105 : above(n) ? -122 : 0);
                 put(n > room ? 0 : n);
                 break;
             case 3: {
                 const uint32_t stored = std::min(n, room);  // with nothing stored the quota rule still runs
-                ASSERT_EQ(tovi_ring_enqueue_burst(r, in.data(), n),
+                ASSERT_EQ(RING_CALL(exported, tovi_ring_enqueue_burst, r, in.data(), n),
                           (stored == 0 && n != 0) || !above(stored) ? stored : stored | 0x80000000u);
                 put(stored);
                 break;
             }
             case 4:
-                ASSERT_EQ(tovi_ring_dequeue_bulk(r, buf.data(), n), n > used ? -2 : 0);
+                ASSERT_EQ(RING_CALL(exported, tovi_ring_dequeue_bulk, r, buf.data(), n), n > used ? -2 : 0);
                 ASSERT_TRUE(take(n > used ? 0 : n));
                 break;
             default:
-                ASSERT_EQ(tovi_ring_dequeue_burst(r, buf.data(), n), std::min(n, used));
+                ASSERT_EQ(RING_CALL(exported, tovi_ring_dequeue_burst, r, buf.data(), n), std::min(n, used));
                 ASSERT_TRUE(take(std::min(n, used)));
                 break;
             }
@@ -277,8 +282,8 @@ TEST(Queue, RelaxedTailIsPublishedByTheLastThreadOut)
     ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 1, a, no_yield)));
     ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 3, b, no_yield)));
     const uint64_t objs[4] = {10, 20, 21, 22};
-    copy_in(r->slots(), e.mask, a.head, objs, 1);
-    copy_in(r->slots(), e.mask, b.head, objs + 1, 3);
+    copy_in(tovi::ring::slots(r), e.mask, a.head, objs, 1);
+    copy_in(tovi::ring::slots(r), e.mask, b.head, objs + 1, 3);
 
     publish<Sync::kRelaxed>(e, b, no_yield);  // b finishes first
     EXPECT_EQ(tovi_ring_count(r), 0u) << "a's slot is not written as far as anyone knows";

@@ -3,6 +3,8 @@
 //
 //   counter_read()          free-running 64-bit counter
 //   counter_frequency()     its ticks per second
+//   cycle_counter_read()    a cheaper free-running counter of unpublished rate
+//   cycle_counter_trusted() whether that counter may be calibrated into a clock
 //   cpu_relax()             spin-wait hint
 //   fence_acquire()         earlier loads before later loads and stores
 //   fence_release()         earlier loads and stores before later stores

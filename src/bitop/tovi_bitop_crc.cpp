@@ -1,13 +1,16 @@
 // CRC32C (Castagnoli) on the hardware and the table path, and CRC16 T10-DIF.
 //
 // The hardware path takes the processor's CRC32C instruction one 8-byte
-// step at a time for short buffers; from kCrc32cFoldMin bytes on, the
-// processor's carry-less-multiply folding routine (when it has one) takes
-// the whole 16-byte blocks and the instruction the rest. Every path gives
-// the table path's result.
+// step at a time for short buffers; from kCrc32cFoldMin bytes on, one of the
+// processor's carry-less-multiply folding routines may take the whole 16-byte
+// blocks and the instruction the rest. Which one, for each power-of-two size
+// class, is measured once, on first use: the machine decides where folding
+// starts to pay and which width wins, not a guessed threshold. Every path
+// gives the table path's result.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <vector>
 
 #include <isa-l/crc.h>
 
@@ -66,17 +69,100 @@ uint32_t crc32c_table_path(uint32_t crc, const uint8_t *p, uint64_t n)
     return crc;
 }
 
-// What the processor offers, found on first use.
+using tovi::arch::Crc32cFold;
+
+// Size class of n: floor(log2(n)) (0 for 0), the last class also holding every
+// larger size. Classes up to kMeasuredClasses - 1 are measured; the larger
+// ones take the last measured class's choice.
+constexpr unsigned kClasses = 32;
+constexpr unsigned kMeasuredClasses = 17;  // up to 128 KiB
+constexpr unsigned kMaxFolds = 4;
+constexpr unsigned kRounds = 3;              // best of, against other work on the machine
+constexpr uint64_t kBytesPerTiming = 65536;  // enough for a coarse counter to resolve
+
+unsigned size_class(uint64_t n)
+{
+    const unsigned k = 63u - static_cast<unsigned>(__builtin_clzll(n | 1));
+    return k < kClasses ? k : kClasses - 1;
+}
+
+// CRC32C with the instruction, the whole 16-byte blocks folded by `fold`
+// when given.
+uint32_t crc32c_with(Crc32cFold fold, uint32_t crc, const uint8_t *p, uint64_t n)
+{
+    if (fold != nullptr) {
+        const uint64_t blocks = n & ~uint64_t{15};
+        crc = fold(crc, p, blocks);
+        p += blocks;
+        n -= blocks;
+    }
+    return tovi::arch::crc32c_serial(crc, p, n);
+}
+
+// Counter ticks to run `fold` over n bytes, the fastest of kRounds timings.
+uint64_t time_route(Crc32cFold fold, const uint8_t *buf, uint64_t n)
+{
+    const uint64_t reps = n >= kBytesPerTiming ? 1 : kBytesPerTiming / n;
+    uint64_t best = UINT64_MAX;
+    uint32_t crc = 0;
+    for (unsigned round = 0; round < kRounds; ++round) {
+        const uint64_t t0 = tovi::arch::cycle_counter_read();
+        for (uint64_t i = 0; i < reps; ++i)
+            crc = crc32c_with(fold, crc, buf, n);
+        const uint64_t t = tovi::arch::cycle_counter_read() - t0;
+        best = t < best ? t : best;
+    }
+    // Keeps the loops: their result is otherwise unused.
+    asm volatile("" : : "r"(crc));
+    return best;
+}
+
+// What the processor offers, and the route of each size class (nullptr: the
+// instruction alone), found on first use.
 struct Hardware {
     bool instruction;
-    tovi::arch::Crc32cFold fold;
+    Crc32cFold route[kClasses];
 };
+
+// Each measured class is timed at one and a half times its lower bound.
+void plan_routes(Hardware &hw)
+{
+    Crc32cFold folds[kMaxFolds];
+    const unsigned nfolds = tovi::arch::crc32c_fold_routines(folds, kMaxFolds);
+    if (nfolds == 0)
+        return;
+    constexpr uint64_t kLargest = (uint64_t{1} << (kMeasuredClasses - 1)) * 3 / 2;
+    std::vector<uint8_t> buf(kLargest, 0xA5);
+    Crc32cFold last = nullptr;
+    for (unsigned k = 0; k < kClasses; ++k) {
+        const uint64_t n = (uint64_t{1} << k) * 3 / 2;
+        if (k >= kMeasuredClasses) {
+            hw.route[k] = last;
+            continue;
+        }
+        if ((uint64_t{1} << k) < tovi::arch::kCrc32cFoldMin)
+            continue;  // below what folding accepts
+        Crc32cFold best = nullptr;
+        uint64_t best_ticks = time_route(nullptr, buf.data(), n);
+        for (unsigned f = 0; f < nfolds; ++f) {
+            const uint64_t t = time_route(folds[f], buf.data(), n);
+            if (t < best_ticks) {
+                best_ticks = t;
+                best = folds[f];
+            }
+        }
+        hw.route[k] = last = best;
+    }
+}
 
 const Hardware &hardware()
 {
     static const Hardware hw = [] {
-        bool instruction = tovi::arch::crc32c_hw_available();
-        return Hardware{instruction, instruction ? tovi::arch::crc32c_fold_routine() : nullptr};
+        Hardware h{};
+        h.instruction = tovi::arch::crc32c_hw_available();
+        if (h.instruction)
+            plan_routes(h);
+        return h;
     }();
     return hw;
 }
@@ -86,13 +172,7 @@ uint32_t crc32c_hardware(uint32_t crc, const uint8_t *p, uint64_t n)
     const Hardware &hw = hardware();
     if (!hw.instruction) [[unlikely]]
         return crc32c_table_path(crc, p, n);
-    if (n >= tovi::arch::kCrc32cFoldMin && hw.fold != nullptr) {
-        uint64_t blocks = n & ~uint64_t{15};
-        crc = hw.fold(crc, p, blocks);
-        p += blocks;
-        n -= blocks;
-    }
-    return tovi::arch::crc32c_serial(crc, p, n);
+    return crc32c_with(hw.route[size_class(n)], crc, p, n);
 }
 
 // The CRC32C dispatch: empty until tovi_crc32_init. It holds only a code
@@ -147,6 +227,11 @@ uint32_t tovi_crc32cContinue(uint32_t crc, const void *buf, uint32_t len)
         tovi_crc32_init();
         routine = g_crc32c_dispatch.load(std::memory_order_relaxed);
     }
+    // Below the folding bound every route is the instruction loop: run it
+    // without the indirect call and the route lookup (short headers and
+    // sectors are the common case).
+    if (routine == crc32c_hardware && len < tovi::arch::kCrc32cFoldMin)
+        return tovi::arch::crc32c_serial(crc, static_cast<const uint8_t *>(buf), len);
     return routine(crc, static_cast<const uint8_t *>(buf), len);
 }
 

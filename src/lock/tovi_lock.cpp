@@ -1,9 +1,12 @@
 // Spin, reader-writer and ticket locks.
 //
-// Every lock word is changed only by single atomic instructions with
-// acquire-release ordering (compare-and-swap, fetch-and-add); waits spin on
-// relaxed loads and re-read with acquire ordering once the wait looks over,
-// so that the acquiring side always synchronises with the releasing one.
+// Lock words are taken only by single atomic instructions with
+// acquire-release ordering (compare-and-swap, fetch-and-add). A word that only
+// its holder may change (the held spin-lock word, the ticket lock's serving
+// counter) is released by a plain store with release ordering, as the
+// unlocks cost a locked instruction otherwise. Waits spin on relaxed loads and
+// re-read with acquire ordering once the wait looks over, so that the
+// acquiring side always synchronises with the releasing one.
 #include <bit>
 #include <climits>
 #include <pthread.h>
@@ -78,6 +81,27 @@ __attribute__((noinline)) void spin_slowpath(uint64_t *lock)
 }
 
 // ---- ticket spin lock ----
+
+// The caller's kernel thread id as the owner field records it, cached per
+// thread (initial-exec: reading it calls nothing), so that the ticket lock's
+// owner recording costs a load, not a call; 0 until first use, and again in a
+// forked child, whose thread ids are new.
+__thread uint32_t t_owner_id __attribute__((tls_model("initial-exec"))) = 0;
+
+void forget_owner_id()
+{
+    t_owner_id = 0;
+}
+
+[[maybe_unused]] const int g_owner_fork_hook = pthread_atfork(nullptr, nullptr, forget_owner_id);
+
+inline uint64_t owner_id()
+{
+    uint32_t id = t_owner_id;
+    if (id == 0) [[unlikely]]
+        t_owner_id = id = static_cast<uint32_t>(tovi_thrd_gettid_accl());
+    return id;
+}
 
 uint64_t tspin_pair(const tovi_tspinlock_s *lock)
 {
@@ -207,10 +231,11 @@ void do_tovi_spinlock_unlock(uint64_t *lock, const char *, uint32_t)
 {
     if (lock == nullptr) [[unlikely]]
         return null_lock(__func__);
-    uint64_t expected = 1;
-    // Release pairs with the acquiring swap of the next holder; a free lock
-    // fails the comparison and stays as it is.
-    __atomic_compare_exchange_n(lock, &expected, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
+    // Only the holder writes a held word, so a plain releasing store frees it
+    // (no locked instruction); a free word is left as it is. The release pairs
+    // with the acquiring swap of the next holder.
+    if (__atomic_load_n(lock, __ATOMIC_RELAXED) == 1)
+        __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
 }
 
 uint32_t tovi_spinlock_set_flags(uint64_t mask)
@@ -357,17 +382,17 @@ void do_tovi_tspinlock_lock(tovi_tspinlock_s *lock, const char *func, uint32_t l
 {
     if (lock == nullptr) [[unlikely]]
         return null_lock(__func__);
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
+    const uint64_t me = owner_id();
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
     // Acquire-release: tickets are handed out in one total order.
     const uint32_t ticket = __atomic_fetch_add(&lock->next, 1u, __ATOMIC_ACQ_REL);
-    // Acquire pairs with the previous holder's releasing add to serving.
+    // Acquire pairs with the previous holder's releasing store to serving,
+    // and by itself keeps the critical section behind the wait.
     while (__atomic_load_n(&lock->serving, __ATOMIC_ACQUIRE) != ticket)
         do
             tovi::arch::cpu_relax();
         while (__atomic_load_n(&lock->serving, __ATOMIC_RELAXED) != ticket);
-    tovi::arch::fence_full();  // keeps the critical section behind the wait
     __atomic_store_n(&lock->owner, me, __ATOMIC_RELAXED);
 }
 
@@ -375,12 +400,12 @@ uint32_t do_tovi_tspinlock_trylock(tovi_tspinlock_s *lock, const char *func, uin
 {
     if (lock == nullptr) [[unlikely]]
         return null_lock(__func__), 0;
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
+    const uint64_t me = owner_id();
     if (tspin_lock_suspect(lock, me)) [[unlikely]]
         tspin_lock_reports(lock, me, func, line);
     for (;;) {
         uint32_t next = __atomic_load_n(&lock->next, __ATOMIC_RELAXED);
-        // Acquire pairs with the previous holder's releasing add to serving.
+        // Acquire pairs with the previous holder's releasing store to serving.
         if (next != __atomic_load_n(&lock->serving, __ATOMIC_ACQUIRE))
             return 0;
         // Acquire-release, as the ticket of lock.
@@ -395,7 +420,7 @@ void do_tovi_tspinlock_unlock(tovi_tspinlock_s *lock, const char *func, uint32_t
 {
     if (lock == nullptr) [[unlikely]]
         return null_lock(__func__);
-    const auto me = static_cast<uint64_t>(static_cast<uint32_t>(tovi_thrd_gettid_accl()));
+    const uint64_t me = owner_id();
     if (__atomic_load_n(&lock->magic, __ATOMIC_RELAXED) != TOVI_TSPINLOCK_MAGIC ||
         __atomic_load_n(&lock->owner, __ATOMIC_RELAXED) != me) [[unlikely]]
         tspin_unlock_reports(lock, me, func, line);
@@ -404,8 +429,10 @@ void do_tovi_tspinlock_unlock(tovi_tspinlock_s *lock, const char *func, uint32_t
     __atomic_store_n(&lock->owner, TOVI_LOCK_NO_OWNER, __ATOMIC_RELAXED);
     if (next == serving) [[unlikely]]
         ticket_unlock(lock, line);
-    // Release pairs with the acquiring load of the waiter holding the next ticket.
-    __atomic_fetch_add(&lock->serving, 1u, __ATOMIC_ACQ_REL);
+    // Only the holder moves serving, so a plain releasing store of the next
+    // ticket hands the lock on (no locked instruction). Release pairs with
+    // the acquiring load of the waiter holding that ticket.
+    __atomic_store_n(&lock->serving, serving + 1, __ATOMIC_RELEASE);
 }
 
 void do_tovi_tspinlock_destroy(tovi_tspinlock_s *lock, const char *func, uint32_t line)

@@ -140,9 +140,33 @@ TOVI_API void do_tovi_trwlock_destroy(tovi_trwlock_s *lock);
 
 /* ---- Caller macros ---- */
 
-#define tovi_spinlock_lock(l) do_tovi_spinlock_lock((l), __func__, __LINE__)
+/* The spin lock's uncontended paths run in the caller with the results of
+ * the exported calls: one compare-and-swap from 0 to 1 takes a free lock
+ * (acquire; pairs with the unlock's release), and a held word (1) is freed by
+ * a releasing store, as only its holder may change it. A NULL lock, a held
+ * lock and a free word on unlock go to the exported functions. */
+static inline __attribute__((always_inline)) void tovi_spinlock_inl_lock(uint64_t *lock, const char *func,
+                                                                        uint32_t line)
+{
+    uint64_t expected = 0;
+    if (lock != 0 && __atomic_compare_exchange_n(lock, &expected, 1, 0, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+        return;
+    do_tovi_spinlock_lock(lock, func, line);
+}
+
+static inline __attribute__((always_inline)) void tovi_spinlock_inl_unlock(uint64_t *lock, const char *func,
+                                                                          uint32_t line)
+{
+    if (lock != 0 && __atomic_load_n(lock, __ATOMIC_RELAXED) == 1) {
+        __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
+        return;
+    }
+    do_tovi_spinlock_unlock(lock, func, line);
+}
+
+#define tovi_spinlock_lock(l) tovi_spinlock_inl_lock((l), __func__, __LINE__)
 #define tovi_spinlock_trylock(l) do_tovi_spinlock_trylock((l), __func__, __LINE__)
-#define tovi_spinlock_unlock(l) do_tovi_spinlock_unlock((l), __func__, __LINE__)
+#define tovi_spinlock_unlock(l) tovi_spinlock_inl_unlock((l), __func__, __LINE__)
 
 #define tovi_tspinlock_init(l) do_tovi_tspinlock_init((l), __func__, __LINE__)
 #define tovi_tspinlock_lock(l) do_tovi_tspinlock_lock((l), __func__, __LINE__)

@@ -1,5 +1,7 @@
 // The lock-free ring: creation and the exported enqueue/dequeue calls, each
-// dispatching once on the side's mode to a specialised core.
+// dispatching once on the side's mode: single and in-order sides run the
+// header's inline core (the one callers inline), relaxed-tail sides the
+// template core of tovi_queue.hpp.
 
 // The copy loops are a few instructions each; where they straddle a 32-byte
 // boundary (depending on where the functions happen to land) the uncontended
@@ -10,6 +12,9 @@
 #endif
 #include <cstdlib>
 #include <safe_mem_lib.h>
+
+// The exported functions themselves are defined here: no macros for them.
+#define TOVI_RING_NO_INLINE
 
 #define TOVI_LOG_SOURCE "tovi_ring"
 #include "tovi_log.hpp"
@@ -40,19 +45,11 @@ constexpr uint32_t kBothSingleAlias = 4;
     return kNullRing;
 }
 
-// Result of an all-or-none enqueue of n objects from the core's result.
-[[gnu::always_inline]] inline int32_t fixed_enqueue_result(uint32_t result, uint32_t n)
-{
-    if (result == 0 && n != 0)
-        return TOVI_RING_ENOBUFS;
-    return (result & TOVI_RING_QUOT_EXCEED) != 0 ? TOVI_RING_EDQUOT : 0;
-}
-
 // All-or-none results from the cores' results.
 template <Sync kSync>
 [[gnu::always_inline]] inline int32_t enqueue_bulk(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
 {
-    return fixed_enqueue_result(tovi::ring::enqueue<kSync, true>(r, objs, n, Yield{}), n);
+    return tovi_ring_inl_fixed_result_(tovi::ring::enqueue<kSync, true>(r, objs, n, Yield{}), n);
 }
 
 template <Sync kSync>
@@ -61,87 +58,26 @@ template <Sync kSync>
     return tovi::ring::dequeue<kSync, true>(r, objs, n, Yield{}) == n ? 0 : TOVI_RING_ENOENT;
 }
 
-// The multi-thread paths are kept out of line and tail-called, so that the
-// single paths inlined into the exported calls need no saved registers and
-// stay as they are: a few loads and stores. The in-order core is inlined into
-// each multi_* below; a relaxed-tail side is told there by its mode and
-// tail-called to a core of its own.
-template <Sync kSync>
-[[gnu::noinline]] int32_t enqueue_one(tovi_ring_s *r, uint64_t obj)
+// The relaxed-tail cores, out of line so that the inline cores of the
+// exported calls stay small.
+[[gnu::noinline]] int32_t rts_enqueue_bulk(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
 {
-    return enqueue_bulk<kSync>(r, &obj, 1);
+    return enqueue_bulk<Sync::kRelaxed>(r, objs, n);
 }
 
-template <Sync kSync>
-[[gnu::noinline]] int32_t dequeue_one(tovi_ring_s *r, uint64_t *obj)
+[[gnu::noinline]] int32_t rts_dequeue_bulk(tovi_ring_s *r, uint64_t *objs, uint32_t n)
 {
-    return dequeue_bulk<kSync>(r, obj, 1);
+    return dequeue_bulk<Sync::kRelaxed>(r, objs, n);
 }
 
-template <Sync kSync>
-[[gnu::noinline]] int32_t enqueue_fixed(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
+[[gnu::noinline]] uint32_t rts_enqueue_burst(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
 {
-    return enqueue_bulk<kSync>(r, objs, n);
+    return tovi::ring::enqueue<Sync::kRelaxed, false>(r, objs, n, Yield{});
 }
 
-template <Sync kSync>
-[[gnu::noinline]] int32_t dequeue_fixed(tovi_ring_s *r, uint64_t *objs, uint32_t n)
+[[gnu::noinline]] uint32_t rts_dequeue_burst(tovi_ring_s *r, uint64_t *objs, uint32_t n)
 {
-    return dequeue_bulk<kSync>(r, objs, n);
-}
-
-template <Sync kSync>
-[[gnu::noinline]] uint32_t enqueue_variable(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
-{
-    return tovi::ring::enqueue<kSync, false>(r, objs, n, Yield{});
-}
-
-template <Sync kSync>
-[[gnu::noinline]] uint32_t dequeue_variable(tovi_ring_s *r, uint64_t *objs, uint32_t n)
-{
-    return tovi::ring::dequeue<kSync, false>(r, objs, n, Yield{});
-}
-
-[[gnu::noinline]] int32_t multi_enqueue_one(tovi_ring_s *r, uint64_t obj)
-{
-    if (r->prod.sp_enqueue == kRelaxedTail)
-        return enqueue_one<Sync::kRelaxed>(r, obj);
-    return enqueue_bulk<Sync::kInOrder>(r, &obj, 1);
-}
-
-[[gnu::noinline]] int32_t multi_dequeue_one(tovi_ring_s *r, uint64_t *obj)
-{
-    if (r->cons.sc_dequeue == kRelaxedTail)
-        return dequeue_one<Sync::kRelaxed>(r, obj);
-    return dequeue_bulk<Sync::kInOrder>(r, obj, 1);
-}
-
-[[gnu::noinline]] int32_t multi_enqueue_bulk(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
-{
-    if (r->prod.sp_enqueue == kRelaxedTail)
-        return enqueue_fixed<Sync::kRelaxed>(r, objs, n);
-    return enqueue_bulk<Sync::kInOrder>(r, objs, n);
-}
-
-[[gnu::noinline]] int32_t multi_dequeue_bulk(tovi_ring_s *r, uint64_t *objs, uint32_t n)
-{
-    if (r->cons.sc_dequeue == kRelaxedTail)
-        return dequeue_fixed<Sync::kRelaxed>(r, objs, n);
-    return dequeue_bulk<Sync::kInOrder>(r, objs, n);
-}
-
-[[gnu::noinline]] uint32_t multi_enqueue_burst(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
-{
-    if (r->prod.sp_enqueue == kRelaxedTail)
-        return enqueue_variable<Sync::kRelaxed>(r, objs, n);
-    return tovi::ring::enqueue<Sync::kInOrder, false>(r, objs, n, Yield{});
-}
-
-[[gnu::noinline]] uint32_t multi_dequeue_burst(tovi_ring_s *r, uint64_t *objs, uint32_t n)
-{
-    if (r->cons.sc_dequeue == kRelaxedTail)
-        return dequeue_variable<Sync::kRelaxed>(r, objs, n);
-    return tovi::ring::dequeue<Sync::kInOrder, false>(r, objs, n, Yield{});
+    return tovi::ring::dequeue<Sync::kRelaxed, false>(r, objs, n, Yield{});
 }
 
 // The queries read the tails without barriers: a snapshot, possibly stale.
@@ -247,46 +183,51 @@ int32_t tovi_ring_enqueue(tovi_ring_t *ring, uint64_t obj)
 {
     if (ring == nullptr) [[unlikely]]
         return null_ring();
-    if (ring->prod.sp_enqueue != kSingleProducer)
-        return multi_enqueue_one(ring, obj);
-    return enqueue_bulk<Sync::kSingle>(ring, &obj, 1);
+    return tovi_ring_enqueue_bulk(ring, &obj, 1);
 }
 
 int32_t tovi_ring_dequeue(tovi_ring_t *ring, uint64_t *obj)
 {
     if (ring == nullptr || obj == nullptr) [[unlikely]]
         return null_ring();
-    if (ring->cons.sc_dequeue != kSingleConsumer)
-        return multi_dequeue_one(ring, obj);
-    return dequeue_bulk<Sync::kSingle>(ring, obj, 1);
+    return tovi_ring_dequeue_bulk(ring, obj, 1);
 }
 
 int32_t tovi_ring_enqueue_bulk(tovi_ring_t *ring, const uint64_t *objs, uint32_t n)
 {
-    if (ring->prod.sp_enqueue != kSingleProducer)
-        return multi_enqueue_bulk(ring, objs, n);
-    return enqueue_bulk<Sync::kSingle>(ring, objs, n);
+    const uint32_t mode = ring->prod.sp_enqueue;
+    if (mode == kRelaxedTail)
+        return rts_enqueue_bulk(ring, objs, n);
+    return tovi_ring_inl_fixed_result_(tovi_ring_inl_enqueue_(ring, objs, n, mode != kSingleProducer, 1), n);
 }
 
 int32_t tovi_ring_dequeue_bulk(tovi_ring_t *ring, uint64_t *objs, uint32_t n)
 {
-    if (ring->cons.sc_dequeue != kSingleConsumer)
-        return multi_dequeue_bulk(ring, objs, n);
-    return dequeue_bulk<Sync::kSingle>(ring, objs, n);
+    const uint32_t mode = ring->cons.sc_dequeue;
+    if (mode == kRelaxedTail)
+        return rts_dequeue_bulk(ring, objs, n);
+    return tovi_ring_inl_dequeue_(ring, objs, n, mode != kSingleConsumer, 1) == n ? 0 : TOVI_RING_ENOENT;
 }
 
 uint32_t tovi_ring_enqueue_burst(tovi_ring_t *ring, const uint64_t *objs, uint32_t n)
 {
-    if (ring->prod.sp_enqueue != kSingleProducer)
-        return multi_enqueue_burst(ring, objs, n);
-    return tovi::ring::enqueue<Sync::kSingle, false>(ring, objs, n, Yield{});
+    const uint32_t mode = ring->prod.sp_enqueue;
+    if (mode == kRelaxedTail)
+        return rts_enqueue_burst(ring, objs, n);
+    return tovi_ring_inl_enqueue_(ring, objs, n, mode != kSingleProducer, 0);
 }
 
 uint32_t tovi_ring_dequeue_burst(tovi_ring_t *ring, uint64_t *objs, uint32_t n)
 {
-    if (ring->cons.sc_dequeue != kSingleConsumer)
-        return multi_dequeue_burst(ring, objs, n);
-    return tovi::ring::dequeue<Sync::kSingle, false>(ring, objs, n, Yield{});
+    const uint32_t mode = ring->cons.sc_dequeue;
+    if (mode == kRelaxedTail)
+        return rts_dequeue_burst(ring, objs, n);
+    return tovi_ring_inl_dequeue_(ring, objs, n, mode != kSingleConsumer, 0);
+}
+
+void tovi_ring_wait_turn(const uint32_t *tail, uint32_t expected)
+{
+    tovi::ring::wait_turn(tail, expected, tovi::ring::kSpinsPerYield, Yield{});
 }
 
 }  // extern "C"

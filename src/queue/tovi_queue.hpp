@@ -58,8 +58,7 @@
 
 namespace tovi::ring {
 
-// Producer and consumer fields never share a cache line (128 bytes covers
-// adjacent-line prefetch pairs).
+// The header's blocks (the layout is in tovi_queue.h, part of the interface).
 inline constexpr uint32_t kBlock = 128;
 inline constexpr uint32_t kMaxCount = 0x10000000;
 // kInOrder: tests of the tail before a waiting producer or consumer yields.
@@ -75,63 +74,16 @@ inline constexpr uint32_t kSingleConsumer = 2;
 // sync; 0 means the in-order default.
 inline constexpr uint32_t kRelaxedTail = 0x10;
 
-// A relaxed-tail side's head and tail: position in the low half, count of
-// reservations (head) or finished ones (tail) in the high half.
-struct RelaxedEnds {
-    uint64_t head;
-    uint64_t tail;
-};
+// A relaxed-tail side's head and tail (tovi_queue.h).
+using RelaxedEnds = tovi_ring_rts_t;
 
-// The flags, and in the spare space the relaxed-tail words, each side's on a
-// cache line of its own; a default ring never touches them.
-struct alignas(kBlock) General {
-    uint32_t flags;
-    alignas(8) RelaxedEnds rts_prod;
-    alignas(64) RelaxedEnds rts_cons;
-};
-
-struct alignas(kBlock) Producer {
-    uint32_t watermark;
-    uint32_t sp_enqueue;
-    uint32_t size;
-    uint32_t mask;
-    uint32_t head;
-    uint32_t tail;
-};
-
-struct alignas(kBlock) Consumer {
-    uint32_t sc_dequeue;
-    uint32_t size;
-    uint32_t mask;
-    uint32_t head;
-    uint32_t tail;
-};
-
-// Read by no operation: a third copy of the geometry for debuggers and dumps.
-// It also keeps the first slot off the consumer's line.
-struct alignas(kBlock) Spare {
-    uint32_t size;
-    uint32_t mask;
-    uint32_t zero[2];
-};
+// The slots follow the header in the same heap block.
+inline uint64_t *slots(tovi_ring_s *r)
+{
+    return reinterpret_cast<uint64_t *>(r + 1);
+}
 
 }  // namespace tovi::ring
-
-struct tovi_ring_s {
-    tovi::ring::General gen;
-    tovi::ring::Producer prod;
-    tovi::ring::Consumer cons;
-    tovi::ring::Spare spare;
-
-    // The slots follow the header in the same heap block.
-    uint64_t *slots() { return reinterpret_cast<uint64_t *>(this + 1); }
-};
-
-static_assert(sizeof(tovi_ring_s) == 4 * tovi::ring::kBlock);
-static_assert(offsetof(tovi_ring_s, prod) == tovi::ring::kBlock);
-static_assert(offsetof(tovi_ring_s, cons) == 2 * tovi::ring::kBlock);
-static_assert(offsetof(tovi::ring::General, rts_prod) == 8);
-static_assert(offsetof(tovi::ring::General, rts_cons) == 64);
 
 namespace tovi::ring {
 
@@ -474,9 +426,9 @@ TOVI_RING_INLINE uint32_t transfer(tovi_ring_s *r, Objs objs, uint32_t want, Yie
     }
     arch::fence_acquire();  // F0
     if constexpr (kProducer)
-        copy_in(r->slots(), e.mask, c.head, objs, c.n);
+        copy_in(slots(r), e.mask, c.head, objs, c.n);
     else
-        copy_out(r->slots(), e.mask, c.head, objs, c.n);
+        copy_out(slots(r), e.mask, c.head, objs, c.n);
     arch::fence_release();  // F1
     publish<kSync>(e, c, yield);
     return result;

@@ -1,6 +1,10 @@
 /*
  * The clock base: nanoseconds and milliseconds from the processor's
- * free-running counter, converted with one integer multiplication.
+ * free-running counter. Where the processor has a cycle counter it can trust
+ * as a clock (x86_64: an invariant time stamp counter, under a hypervisor only
+ * one that vouches for it), that counter is read, its rate measured against
+ * CLOCK_MONOTONIC at set-up and the readings anchored to that clock; else the
+ * counter's ticks are multiplied by whole nanoseconds per tick.
  */
 #ifndef TOVI_TIME_H
 #define TOVI_TIME_H
@@ -15,14 +19,17 @@ TOVI_API extern double currCpuGHz;
 /* Sets up the clock base once. 0, or the failing step's result. */
 TOVI_API uint32_t tovi_gettime_init(void);
 
-/* Reads the counter frequency and sets the nanoseconds-per-tick factor to
- * 10^9 / frequency (integer division; 0 when the frequency reads 0). 0. */
+/* Chooses the counter and sets its conversion: for a trusted cycle counter
+ * the rate measured against CLOCK_MONOTONIC over 20 ms, otherwise the
+ * nanoseconds-per-tick factor 10^9 / frequency (integer division; 0 when the
+ * frequency reads 0). Sets currCpuGHz to 2.6. 0. */
 TOVI_API uint32_t tovi_CheckCurrCpu(void);
 
-/* Nanoseconds since an arbitrary start: counter ticks times the factor. */
+/* Nanoseconds since an arbitrary start (with a cycle counter, CLOCK_MONOTONIC's
+ * start): the counter's ticks converted. */
 TOVI_API uint64_t tovi_time_getnanosec(void);
 
-/* Counter ticks to nanoseconds. */
+/* Ticks of the counter the clock reads to nanoseconds. */
 TOVI_API uint64_t tovi_time_cycles2ns(uint64_t cycles);
 
 /* tovi_time_getnanosec() / 1000000. */

@@ -240,7 +240,7 @@ int arm(TimerRoot &root, tovi_timer *timer, uint64_t timeOut, uint64_t now)
     if (__atomic_load_n(&timer->entry.next, __ATOMIC_RELAXED) != nullptr &&
         __atomic_load_n(&timer->expirTime, __ATOMIC_RELAXED) == e)
         return 0;
-    do_tovi_spinlock_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
+    tovi_spinlock_inl_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
     if (timer->entry.next != nullptr)
         detachTimerFromList(root, timer, false, now);
     if (root.pendingCount == 0)
@@ -251,33 +251,33 @@ int arm(TimerRoot &root, tovi_timer *timer, uint64_t timeOut, uint64_t now)
     ++root.pendingCount;
     if (e < root.timerMs + 1000)
         wake_if_earlier(root, next_wake(root));
-    do_tovi_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
+    tovi_spinlock_inl_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
     return 0;
 }
 
 int remove(TimerRoot &root, tovi_timer *timer, bool sync, uint64_t now)
 {
-    do_tovi_spinlock_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
+    tovi_spinlock_inl_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
     if (sync) {
         // Acquire pairs with the release that clears runningTimer after the
         // callback: once it is not this timer, the callback's work is visible.
         while (__atomic_load_n(&root.runningTimer, __ATOMIC_ACQUIRE) == timer) {
-            do_tovi_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
-            do_tovi_spinlock_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
+            tovi_spinlock_inl_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
+            tovi_spinlock_inl_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
         }
     }
     if (timer->entry.next != nullptr)
         detachTimerFromList(root, timer, true, now);
-    do_tovi_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
+    tovi_spinlock_inl_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
     return 0;
 }
 
 void run_timers(TimerRoot &root, uint64_t now)
 {
-    do_tovi_spinlock_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
+    tovi_spinlock_inl_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
     if (root.pendingCount == 0) {
         set_empty_base(root, now);
-        do_tovi_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
+        tovi_spinlock_inl_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
         return;
     }
     LocalList local;
@@ -302,15 +302,15 @@ void run_timers(TimerRoot &root, uint64_t now)
             // Relaxed: read by remove() under the lock held here.
             __atomic_store_n(&root.runningTimer, timer, __ATOMIC_RELAXED);
             detachTimerFromList(root, timer, true, now);
-            do_tovi_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
+            tovi_spinlock_inl_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
             run_timer_func(timer);
             // Release pairs with the acquire load in remove(sync).
             __atomic_store_n(&root.runningTimer, static_cast<tovi_timer *>(nullptr), __ATOMIC_RELEASE);
-            do_tovi_spinlock_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
+            tovi_spinlock_inl_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
         }
     }
     wake_if_earlier(root, next_wake(root));
-    do_tovi_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
+    tovi_spinlock_inl_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
 }
 
 void run_timer_func(tovi_timer *timer)
@@ -344,7 +344,7 @@ void run_timer_func(tovi_timer *timer)
 int64_t list_pending(TimerRoot &root, tovi_timer_info_s *out, uint32_t max)
 {
     int64_t count = 0;
-    do_tovi_spinlock_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
+    tovi_spinlock_inl_lock(&root.lock.lock, "lockTimerRoot", __LINE__);
     for (uint32_t level = 0; level < kLevels; ++level) {
         Node *heads = level_heads(root, level);
         for (uint32_t i = 0; i < kSlotCount[level]; ++i) {
@@ -366,7 +366,7 @@ int64_t list_pending(TimerRoot &root, tovi_timer_info_s *out, uint32_t max)
             }
         }
     }
-    do_tovi_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
+    tovi_spinlock_inl_unlock(&root.lock.lock, "unlockTimerRoot", __LINE__);
     return count;
 }
 
