@@ -23,6 +23,7 @@ endif()
 # Source names of the modules, as their messages carry them.
 set(names
   avl/tovi_avl.cpp=tovi_avl
+  lwp/tovi_lwp.cpp=tovi_lwp
   cfg/tovi_cfg.cpp=tovi_cfg
   cfg/tovi_cfg_edit.cpp=tovi_cfg
   cfg/tovi_cfg_node.cpp=tovi_cfg
@@ -31,6 +32,7 @@ set(names
   companion/tovi_companion_kernel.cpp=tovi_companion_kernel
   companion/tovi_companion_user.cpp=tovi_companion_user
   cpumask/tovi_cpumask.cpp=tovi_cpumask
+  crypt/tovi_crypt.cpp=tovi_crypt
   hash/tovi_hash.cpp=tovi_hash
   init/tovi_init.cpp=tovi_init
   list/tovi_list.cpp=tovi_list

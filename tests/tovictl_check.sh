@@ -22,6 +22,7 @@ cases=(
   "2|tovictl: demo: takes no arguments, got 'x'|demo x"
   "2|tovictl: threads: takes no arguments, got 'x'|threads x"
   "2|tovictl: mem: takes no arguments, got 'x'|mem x"
+  "2|tovictl: lwp: takes no arguments, got 'x'|lwp x"
   "2|tovictl: crc32c: no FILE given \(usage: tovictl crc32c \[-v\] FILE\.\.\.\)|crc32c"
   "2|tovictl: crc16: unknown option '-x' \(usage: tovictl crc16 \[-v\] FILE\.\.\.\)|crc16 -x $tmp/ok.ini"
   "1|tovictl: crc32c: cannot open '$tmp/none': No such file or directory|crc32c $tmp/none"
@@ -71,6 +72,11 @@ VRLOG_LEVEL=3 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" && fail "VRLOG_LEVEL=3 tovictl info: messages above the threshold"
 VRLOG_LEVEL=3,381=6 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "VRLOG_LEVEL=3,381=6 tovictl info: the library's messages are missing"
+
+# The sample instances: listed in order of construction, destroyed newest first.
+"${tool[@]}" lwp >"$tmp/out" 2>&1 || fail "tovictl lwp: status $?"
+grep -Eq '^6 +io_context +103 +2 +1056$' "$tmp/out" || fail "tovictl lwp: no sixth instance line: $(cat "$tmp/out")"
+[ "$(grep '^destroyed context' "$tmp/out" | head -1)" = "destroyed context 103" ] || fail "tovictl lwp: not newest first"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))

@@ -336,6 +336,7 @@ int tovictl_timers(int argc, char **argv);
 int tovictl_cfg(int argc, char **argv);
 int tovictl_work(int argc, char **argv);
 int tovictl_net(int argc, char **argv);
+int tovictl_lwp(int argc, char **argv);
 
 namespace {
 
@@ -350,6 +351,7 @@ const Command kCommands[] = {
     {"cfg", "cfg VERB FILE ...     get|set|add|del|delsection|dump an ini file", tovictl_cfg},
     {"work", "work [-n COUNT]      the work pool's and hr timers' counters under a sample load", tovictl_work},
     {"net", "net IFNAME           addresses, recorded rules and routes of an interface; the sshd port", tovictl_net},
+    {"lwp", "lwp                  the light-weight process instances of a sample process", tovictl_lwp},
 };
 
 int usage(FILE *out, int code)
