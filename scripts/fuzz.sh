@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # fuzz.sh [SECONDS]: builds the libFuzzer targets (fuzz/fuzz_*.cpp) with
 # clang and runs each for SECONDS (default 60) from its seed corpus
-# fuzz/<module>/corpus. New inputs go to a scratch corpus, so the seeds in
+# fuzz/<module>/corpus; a target whose source has a line "// fuzz-seconds: N"
+# runs at most N seconds. New inputs go to a scratch corpus, so the seeds in
 # the repository stay as they are; a crash leaves its input in
 # build/fuzz/artifacts and fails the script. FUZZ_BUILD_DIR overrides the
 # build directory.
@@ -22,8 +23,11 @@ for src in fuzz/fuzz_*.cpp; do
     module=${module%%_*}
     seeds=fuzz/$module/corpus
     scratch=$(mktemp -d)
-    echo "=== $name: ${seconds}s"
-    if ! "$build/$name" -max_total_time="$seconds" -max_len=4096 -timeout=20 -print_final_stats=1 \
+    limit=$(sed -n 's|^// fuzz-seconds: \([0-9][0-9]*\)$|\1|p' "$src")
+    run_for=$seconds
+    if [ -n "$limit" ] && [ "$limit" -lt "$seconds" ]; then run_for=$limit; fi
+    echo "=== $name: ${run_for}s"
+    if ! "$build/$name" -max_total_time="$run_for" -max_len=4096 -timeout=20 -print_final_stats=1 \
          -artifact_prefix="$build/artifacts/$name-" "$scratch" "$seeds" 2>"$build/$name.log"; then
         tail -n 40 "$build/$name.log"
         status=1

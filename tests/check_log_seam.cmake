@@ -23,6 +23,7 @@ endif()
 # Source names of the modules, as their messages carry them.
 set(names
   avl/tovi_avl.cpp=tovi_avl
+  bay/tovi_bay.cpp=tovi_bay
   lwp/tovi_lwp.cpp=tovi_lwp
   cfg/tovi_cfg.cpp=tovi_cfg
   cfg/tovi_cfg_edit.cpp=tovi_cfg
@@ -50,6 +51,7 @@ set(names
   sshd/tovi_sshd.cpp=tovi_sshd
   semaphore/tovi_semaphore.cpp=tovi_sem_enhance
   symbol/tovi_symbol.cpp=tovi_symbol
+  xml/tovi_xml.cpp=tovi_xml
   time/tovi_time.cpp=tovi_time
   timer/tovi_timer.cpp=tovi_timer
   timer/tovi_timer_wheel.cpp=tovi_timer_wheel)
