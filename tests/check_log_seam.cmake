@@ -25,6 +25,7 @@ set(names
   avl/tovi_avl.cpp=tovi_avl
   bay/tovi_bay.cpp=tovi_bay
   lwp/tovi_lwp.cpp=tovi_lwp
+  cap/tovi_cap.cpp=tovi_cap
   cfg/tovi_cfg.cpp=tovi_cfg
   cfg/tovi_cfg_edit.cpp=tovi_cfg
   cfg/tovi_cfg_node.cpp=tovi_cfg
