@@ -49,6 +49,8 @@ set(names
   timer/tovi_hr_timer.cpp=tovi_hr_timer
   timer/tovi_timer_posix.cpp=tovi_timer_posix
   socket/tovi_socket.cpp=tovi_socket_rule_route
+  socket/tovi_socket_bond.cpp=tovi_socket
+  socket/tovi_socket_plain.cpp=tovi_socket
   sshd/tovi_sshd.cpp=tovi_sshd
   semaphore/tovi_semaphore.cpp=tovi_sem_enhance
   symbol/tovi_symbol.cpp=tovi_symbol
