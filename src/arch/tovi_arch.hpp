@@ -15,6 +15,7 @@
 //   crc32c_fold_routines()  every folding routine the processor can run
 //   frame_pointer()         the caller's frame record
 //   signal_context_pc/sp/fp() and register names of a signal context
+//   hypervisor_vendor()     CPUID's hypervisor bit and vendor signature (x86_64 only)
 //
 // Frame records have the same shape on both processors: the saved frame
 // pointer of the caller, then the return address.
