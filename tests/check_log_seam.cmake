@@ -57,6 +57,7 @@ set(names
   xml/tovi_xml.cpp=tovi_xml
   time/tovi_time.cpp=tovi_time
   timer/tovi_timer.cpp=tovi_timer
+  tty/tovi_tty.cpp=tovi_tty
   timer/tovi_timer_wheel.cpp=tovi_timer_wheel)
 # Every file of the thread module logs as "tovi_thrd", however it is split.
 file(GLOB thread_files RELATIVE ${SRC} ${SRC}/thread/*.cpp)
