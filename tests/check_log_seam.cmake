@@ -42,6 +42,7 @@ set(names
   mem/tovi_mem.cpp=tovi_mem
   percpu_posix/tovi_percpu_posix.cpp=tovi_percpu_posix
   queue/tovi_queue.cpp=tovi_ring
+  rtcsim/tovi_rtcsim.cpp=tovi_rtcsim
   sched/tovi_sched.cpp=tovi_sched
   sched/tovi_sched_wait.cpp=tovi_sem_enhance
   schedwork/tovi_schedwork.cpp=tovi_sched_work
