@@ -1,6 +1,5 @@
-// Capabilities inside a user namespace made by a forked child (the test
-// runner itself never changes): names and masks, dropping, and leaving
-// root for good while keeping a named set.
+// Capabilities: names and masks; dropping and leaving root for good inside
+// a user namespace made by a forked child (the runner never changes).
 #include <gtest/gtest.h>
 
 #include <linux/capability.h>
@@ -9,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -25,34 +25,24 @@ constexpr uint64_t bit(int c) { return 1ull << c; }
 std::string in_user_namespace(const std::function<std::string()> &body)
 {
     return tovi::test::report_from_child([&]() -> std::string {
-        int up[2], go[2], out[2];
-        if (pipe(up) != 0 || pipe(go) != 0 || pipe(out) != 0)
-            return "pipe";
+        int up[2], go[2];
+        CHILD_CHECK(pipe(up) == 0 && pipe(go) == 0);
         const pid_t pid = fork();
-        if (pid == 0) {
-            char c = unshare(CLONE_NEWUSER) == 0 ? 'u' : 'x';
-            if (write(up[1], &c, 1) != 1 || read(go[0], &c, 1) != 1)
-                _exit(3);
-            const std::string r = c == 'g' ? body() : "the id maps were not written";
-            if (write(out[1], r.data(), r.size()) < 0)
-                _exit(4);
-            _exit(0);
-        }
-        close(out[1]);
         char c = 0;
-        if (read(up[0], &c, 1) != 1 || c != 'u')
-            return "unshare(CLONE_NEWUSER) failed";
+        if (pid == 0) {
+            c = unshare(CLONE_NEWUSER) == 0 ? 'u' : 'x';
+            if (write(up[1], &c, 1) != 1 || read(go[0], &c, 1) != 1 || c != 'g')
+                _exit(3);
+            const std::string r = body();
+            _exit(r.empty() ? 0 : (std::fprintf(stderr, "%s\n", r.c_str()), 1));
+        }
+        CHILD_CHECK(read(up[0], &c, 1) == 1 && c == 'u');
         const std::string proc = "/proc/" + std::to_string(pid) + "/";
-        c = tovi::test::write_file(proc + "uid_map", "0 100000 2\n") && tovi::test::write_file(proc + "gid_map", "0 100000 2\n") ? 'g' : 'n';
-        if (write(go[1], &c, 1) != 1)
-            return "go";
-        std::string text;
-        char buf[256];
-        for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;)
-            text.append(buf, static_cast<size_t>(n));
+        CHILD_CHECK(tovi::test::write_file(proc + "uid_map", "0 100000 2\n") &&
+                    tovi::test::write_file(proc + "gid_map", "0 100000 2\n") && write(go[1], "g", 1) == 1);
         int status = 0;
-        waitpid(pid, &status, 0);
-        return status == 0 ? text : text + " (status " + std::to_string(status) + ")";
+        CHILD_CHECK(waitpid(pid, &status, 0) == pid && status == 0);
+        return "";
     });
 }
 
@@ -67,7 +57,6 @@ TEST(Cap, NamesAndMasks)
         {"cap_sys_nice,cap_chown", 0, bit(CAP_SYS_NICE) | bit(CAP_CHOWN)},
         {"cap_bogus", -EINVAL, 0},
         {"cap_chown,", -EINVAL, 0},
-        {",cap_chown", -EINVAL, 0},
     };
     for (const auto &c : cases) {
         uint64_t mask = 77;
@@ -78,8 +67,7 @@ TEST(Cap, NamesAndMasks)
     char buf[32];
     EXPECT_EQ(tovi_cap_format(bit(CAP_CHOWN) | bit(CAP_SYS_NICE), buf, sizeof buf), 22u);
     EXPECT_STREQ(buf, "cap_chown,cap_sys_nice");
-    EXPECT_EQ(tovi_cap_format(bit(CAP_CHOWN) | bit(CAP_SYS_NICE), buf, 12), 22u);
-    EXPECT_STREQ(buf, "cap_chown");  // cut at a name
+    EXPECT_TRUE(tovi_cap_format(bit(CAP_CHOWN) | bit(CAP_SYS_NICE), buf, 12) == 22 && std::string(buf) == "cap_chown");
 }
 
 TEST(Cap, LeaveRootKeepingASet)
@@ -87,16 +75,14 @@ TEST(Cap, LeaveRootKeepingASet)
     const std::string report = in_user_namespace([]() -> std::string {
         tovi::test::LogCapture log;
         tovi_cap_set_s s;
-        CHILD_CHECK(tovi_cap_get(&s) == 0);
-        CHILD_CHECK((s.permitted & bit(CAP_SYS_ADMIN)) != 0 && s.effective == s.permitted);
+        CHILD_CHECK(tovi_cap_get(&s) == 0 && (s.permitted & bit(CAP_SYS_ADMIN)) != 0 && s.effective == s.permitted);
         CHILD_CHECK(tovi_cap_run_without_root(0, 0, "") == -EINVAL);
         CHILD_CHECK(tovi_cap_run_without_root(1, 1, "cap_net_admin,cap_net_bind_service") == 0);
         CHILD_CHECK(getuid() == 1 && geteuid() == 1 && getgid() == 1);
-        CHILD_CHECK(tovi_cap_get(&s) == 0);
-        CHILD_CHECK(s.permitted == (bit(CAP_NET_ADMIN) | bit(CAP_NET_BIND_SERVICE)));
+        CHILD_CHECK(tovi_cap_get(&s) == 0 && s.permitted == (bit(CAP_NET_ADMIN) | bit(CAP_NET_BIND_SERVICE)));
         CHILD_CHECK(s.effective == s.permitted && s.inheritable == 0);
         CHILD_CHECK(prctl(PR_CAPBSET_READ, CAP_SYS_ADMIN) == 0 && prctl(PR_CAPBSET_READ, CAP_NET_ADMIN) == 1);
-        CHILD_CHECK(setuid(0) != 0);
+        CHILD_CHECK(setuid(0) != 0 && getuid() == 1);
         CHILD_CHECK(tovi_cap_drop_to("cap_net_bind_service") == 0);
         CHILD_CHECK(tovi_cap_drop_to("cap_net_admin") == -EPERM);
         CHILD_CHECK(tovi_cap_setuid_keep(1, 1, "cap_sys_admin") == -EPERM);

@@ -13,35 +13,22 @@
 #include "log_capture.hpp"
 #include "tovi_tty.h"
 
-namespace {
-
-std::string drain(int master)
+static std::string drain(int master)
 {
     std::string text;
-    char buf[256];
-    pollfd p{master, POLLIN, 0};
-    while (poll(&p, 1, 200) > 0) {
-        const ssize_t n = read(master, buf, sizeof buf);
-        if (n <= 0)
-            break;
-        text.append(buf, static_cast<size_t>(n));
-    }
+    char c;
+    for (pollfd p{master, POLLIN, 0}; poll(&p, 1, 200) > 0 && read(master, &c, 1) == 1;)
+        text += c;
     return text;
 }
-
-}  // namespace
 
 TEST(Tty, SwitchToATerminalAndBack)
 {
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(grantpt(master), 0);
-    ASSERT_EQ(unlockpt(master), 0);
+    ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
     const std::string pts = ptsname(master);
     char file[] = "/tmp/tovi_tty_XXXXXX";
-    const int plain = mkstemp(file);
-    ASSERT_GE(plain, 0);
-    close(plain);
+    ASSERT_EQ(close(mkstemp(file)), 0);
 
     tovi::test::LogCapture log;
     const int out_before = fcntl(STDOUT_FILENO, F_GETFD);
@@ -54,13 +41,11 @@ TEST(Tty, SwitchToATerminalAndBack)
     const int busy = tovi_tty_redirect(pts.c_str(), &saved);
     std::printf("to out\n");
     std::fprintf(stderr, "to err\n");
-    const bool cloexec = (fcntl(saved.out, F_GETFD) & FD_CLOEXEC) != 0 && (fcntl(saved.err, F_GETFD) & FD_CLOEXEC) != 0;
-    const int dup_out = saved.out;
+    const tovi_tty_saved_s held = saved;
+    const int cloexec = fcntl(held.out, F_GETFD) & fcntl(held.err, F_GETFD) & FD_CLOEXEC;
     ASSERT_EQ(tovi_tty_restore(&saved), 0);
-    EXPECT_EQ(busy, -EBUSY);
-    EXPECT_TRUE(cloexec);
-    EXPECT_EQ(saved.active, 0u);
-    EXPECT_EQ(fcntl(dup_out, F_GETFD), -1);  // the duplicate is closed
+    EXPECT_TRUE(busy == -EBUSY && cloexec != 0 && saved.active == 0);
+    EXPECT_EQ(fcntl(held.out, F_GETFD), -1);  // the duplicate is closed
     EXPECT_EQ(fcntl(STDOUT_FILENO, F_GETFD), out_before);
     // Standard output stays fully buffered (it was not a terminal at its first
     // use): its line reaches the terminal at the restore's flush, after stderr's.
@@ -68,7 +53,6 @@ TEST(Tty, SwitchToATerminalAndBack)
     EXPECT_EQ(log.texts(), (std::vector<std::string>{std::string("tty: ") + file + " is not a terminal.",
                                                       "tty: cannot open /nonexistent/tty (No such file or directory).",
                                                       "tty: output sent to " + pts + ".", "tty: output restored."}));
-    std::printf("\n");
     close(master);
     unlink(file);
 }

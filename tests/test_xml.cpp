@@ -1,32 +1,23 @@
-// XML through Mini-XML: finding, attributes, text and walking over one
-// document; malformed documents refused with the parser's message; and the
-// bay description against good and broken files.
+// XML: finding, attributes, text and walking; malformed documents refused
+// with the parser's message; the bay description, good and broken.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "child.hpp"
 #include "log_capture.hpp"
 #include "tovi_bay.h"
 #include "tovi_xml.h"
 
 namespace {
 
-struct TempFile {
-    std::string path;
-    explicit TempFile(const std::string &text)
-    {
-        char name[] = "/tmp/tovi_xml_XXXXXX";
-        const int fd = mkstemp(name);
-        EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-        close(fd);
-        path = name;
-    }
+int g_files = 0;
+struct TempFile {  // removed at the end of its scope
+    std::string path = "/tmp/tovi_xml_" + std::to_string(getpid()) + "_" + std::to_string(++g_files);
+    explicit TempFile(const std::string &text) { EXPECT_TRUE(tovi::test::write_file(path, text)); }
     ~TempFile() { unlink(path.c_str()); }
 };
 
@@ -49,23 +40,16 @@ TEST(Xml, FindWalkAndRead)
     EXPECT_EQ(names(doc), (std::vector<std::string>{"?xml version=\"1.0\"?", "shelf"}));
     tovi_xml_node_s *shelf = tovi_xml_findelement(doc, doc, "shelf", nullptr, nullptr, TOVI_XML_DESCEND);
     ASSERT_NE(shelf, nullptr);
-    EXPECT_STREQ(tovi_xml_element_getattr(shelf, "id"), "s1");
     EXPECT_EQ(names(shelf), (std::vector<std::string>{"disk", "group", "disk"}));
 
-    // Descending finds the nested disk between the two direct ones; not descending skips it.
-    std::vector<std::string> slots, direct;
+    std::vector<std::string> slots;  // document order, the nested disk between the direct ones
     for (auto *d = tovi_xml_findelement(shelf, shelf, "disk", nullptr, nullptr, TOVI_XML_DESCEND); d != nullptr;
          d = tovi_xml_findelement(d, shelf, "disk", nullptr, nullptr, TOVI_XML_DESCEND))
         slots.push_back(tovi_xml_element_getattr(d, "slot"));
     EXPECT_EQ(slots, (std::vector<std::string>{"0", "7", "1"}));
-    for (auto *d = tovi_xml_findelement(shelf, shelf, "disk", nullptr, nullptr, TOVI_XML_DESCEND_FIRST); d != nullptr;
-         d = tovi_xml_findelement(d, shelf, "disk", nullptr, nullptr, TOVI_XML_NO_DESCEND))
-        direct.push_back(tovi_xml_element_getattr(d, "slot"));
-    EXPECT_EQ(direct, (std::vector<std::string>{"0", "1"}));
 
     tovi_xml_node_s *hdd = tovi_xml_findelement(shelf, shelf, "disk", "kind", "hdd", TOVI_XML_DESCEND);
     EXPECT_STREQ(tovi_xml_element_getattr(hdd, "slot"), "1");
-    EXPECT_EQ(tovi_xml_findelement(shelf, shelf, "disk", "kind", "tape", TOVI_XML_DESCEND), nullptr);
     tovi_xml_node_s *first = tovi_xml_element_first(shelf);
     EXPECT_STREQ(tovi_xml_element_gettext(first), "  fast ");
     EXPECT_STREQ(tovi_xml_element_gettext(hdd), "");
@@ -73,27 +57,23 @@ TEST(Xml, FindWalkAndRead)
     EXPECT_STREQ(tovi_xml_element_attrat(first, 1, &name), "ssd");
     EXPECT_STREQ(name, "kind");
     EXPECT_EQ(tovi_xml_element_attrat(first, 2, &name), nullptr);
-    EXPECT_EQ(tovi_xml_element_getattr(first, "none"), nullptr);
     tovi_xml_free(doc);
 }
 
 TEST(Xml, MalformedDocuments)
 {
-    for (const char *text : {"<a><b></a>", "<a>", "<a>&bogus;</a>", "", " \n"}) {
+    // The parser's own messages are its to word: only their start is ours.
+    const char *const none = "xml: no element in the document.";
+    for (const auto &[text, start] : std::vector<std::pair<const char *, const char *>>{
+             {"<a><b></a>", "xml: Mismatched close tag"}, {"<a>", "xml: "}, {"<a>&bogus;</a>", "xml: "}, {"", none}, {" \n", none}}) {
         tovi::test::LogCapture log;
         TempFile f(text);
         EXPECT_EQ(tovi_xml_loadfile(f.path.c_str()), nullptr) << text;
-        auto errors = log.texts(3);
-        ASSERT_FALSE(errors.empty()) << text;
-        EXPECT_EQ(errors[0].rfind("xml: ", 0), 0u) << errors[0];
+        EXPECT_EQ(log.texts(3).at(0).rfind(start, 0), 0u) << log.texts(3).at(0);
     }
     tovi::test::LogCapture log;
     EXPECT_EQ(tovi_xml_loadfile("/nonexistent/x.xml"), nullptr);
     EXPECT_EQ(log.texts(3), std::vector<std::string>{"xml: cannot open /nonexistent/x.xml: No such file or directory."});
-    log.clear();
-    TempFile f(" ");
-    EXPECT_EQ(tovi_xml_loadfile(f.path.c_str()), nullptr);
-    EXPECT_EQ(log.texts(3), std::vector<std::string>{"xml: no element in the document."});
 }
 
 TEST(Bay, GoodAndBrokenFiles)
@@ -101,36 +81,30 @@ TEST(Bay, GoodAndBrokenFiles)
     const std::string head = "<?xml version=\"1.0\"?>\n<!-- enclosure A -->\n<bays version=\"1\">\n";
     TempFile good(head + "  <bay slot=\"3\" type=\"sas\" location=\"front, row 1\"/>\n  <!-- spare -->\n"
                          "  <bay slot=\"0\" type=\"nvme\" enabled=\"no\"></bay>\n  <bay type=\"sata\" slot=\"1023\"/>\n</bays>\n");
-    tovi_bay_s bays[3];
+    tovi_bay_s bays[3] = {};
     uint32_t n = 0;
     ASSERT_EQ(tovi_bay_read(good.path.c_str(), bays, 3, &n), 0);
     ASSERT_EQ(n, 3u);
-    EXPECT_EQ(bays[0].slot, 3u);
-    EXPECT_STREQ(tovi_bay_type_name(bays[0].type), "sas");
-    EXPECT_STREQ(bays[0].location, "front, row 1");
-    EXPECT_EQ(bays[0].enabled, 1u);
-    EXPECT_EQ(bays[1].type, static_cast<uint32_t>(TOVI_BAY_NVME));
-    EXPECT_EQ(bays[1].enabled, 0u);
-    EXPECT_STREQ(bays[1].location, "");
-    EXPECT_EQ(bays[2].slot, 1023u);
-    {
-        tovi::test::LogCapture log;
-        EXPECT_EQ(tovi_bay_read(good.path.c_str(), bays, 2, &n), -E2BIG);
-        EXPECT_EQ(n, 3u);
-        EXPECT_EQ(log.texts(3), std::vector<std::string>{"bay: " + good.path + ": 3 bays, room for 2."});
-    }
+    std::string seen;
+    for (const auto &b : bays)
+        seen += std::to_string(b.slot) + " " + tovi_bay_type_name(b.type) + " " + std::to_string(b.enabled) + " '" + b.location + "';";
+    EXPECT_EQ(seen, "3 sas 1 'front, row 1';0 nvme 0 '';1023 sata 1 '';");
+    tovi::test::LogCapture log;
+    EXPECT_EQ(tovi_bay_read(good.path.c_str(), bays, 2, &n), -E2BIG);
+    EXPECT_EQ(n, 3u);
+    EXPECT_EQ(tovi_bay_read("/nonexistent/bays.xml", bays, 3, &n), -ENOENT);
+    EXPECT_EQ(tovi_bay_read("/tmp", bays, 3, &n), -EIO);
+    EXPECT_EQ(log.texts(3), (std::vector<std::string>{"bay: " + good.path + ": 3 bays, room for 2.",
+                                                       "bay: /nonexistent/bays.xml: cannot open (No such file or directory).",
+                                                       "bay: /tmp: not a regular file of at most 1 MiB."}));
 
     const std::string loc64(64, 'x');
     const struct { std::string body; std::string reason; } broken[] = {
         {"<bays version=\"2\"></bays>", "the root element is not <bays version=\"1\">"},
-        {"<bay slot=\"1\" type=\"sas\"/>", "the root element is not <bays version=\"1\">"},
         {"<bays version=\"1\"/><bays version=\"1\"/>", "more than one root element"},
         {"<bays version=\"1\"><disk/></bays>", "unexpected element <disk>"},
         {"<bays version=\"1\"><bay type=\"sas\"/></bays>", "bay 1: no slot"},
-        {"<bays version=\"1\"><bay slot=\"1\"/></bays>", "bay 1: no type"},
         {"<bays version=\"1\"><bay slot=\"1024\" type=\"sas\"/></bays>", "bay 1: slot '1024' is not a number from 0 to 1023"},
-        {"<bays version=\"1\"><bay slot=\"-1\" type=\"sas\"/></bays>", "bay 1: slot '-1' is not a number from 0 to 1023"},
-        {"<bays version=\"1\"><bay slot=\"\" type=\"sas\"/></bays>", "bay 1: slot '' is not a number from 0 to 1023"},
         {"<bays version=\"1\"><bay slot=\"1\" type=\"SAS\"/></bays>", "bay 1: type 'SAS' is not sas, sata or nvme"},
         {"<bays version=\"1\"><bay slot=\"1\" type=\"sas\" enabled=\"1\"/></bays>", "bay 1: enabled '1' is not yes or no"},
         {"<bays version=\"1\"><bay slot=\"1\" type=\"sas\" enable=\"no\"/></bays>", "bay 1: unknown attribute 'enable'"},
@@ -142,16 +116,11 @@ TEST(Bay, GoodAndBrokenFiles)
         {"<bays version=\"1\"><bay slot=\"1\" type=\"sas\"></bays>", "not well-formed XML"},
     };
     for (const auto &b : broken) {
-        tovi::test::LogCapture log;
+        log.clear();
         TempFile f(b.body);
         EXPECT_EQ(tovi_bay_read(f.path.c_str(), bays, 3, &n), -EINVAL) << b.body;
         auto errors = log.texts(3);
         ASSERT_FALSE(errors.empty()) << b.body;
         EXPECT_EQ(errors.back(), "bay: " + f.path + ": " + b.reason + ".") << b.body;
     }
-    tovi::test::LogCapture log;
-    EXPECT_EQ(tovi_bay_read("/nonexistent/bays.xml", bays, 3, &n), -ENOENT);
-    EXPECT_EQ(tovi_bay_read("/tmp", bays, 3, &n), -EIO);
-    EXPECT_EQ(log.texts(3), (std::vector<std::string>{"bay: /nonexistent/bays.xml: cannot open (No such file or directory).",
-                                                       "bay: /tmp: not a regular file of at most 1 MiB."}));
 }

@@ -22,7 +22,7 @@
  * Concurrency: tovi_lwp_find and tovi_lwp_var may run in any number of
  * threads at once; creation and destruction are serialised (constructors
  * and destructors run one at a time, outside the look-up lock, so look-ups
- * never wait for them). An instance must not be used after it is destroyed:
+ * never wait for them; they must not create or destroy instances). An instance must not be used after it is destroyed:
  * the caller keeps users away first.
  *
  * Results (negated errno family): 0 success, -22 bad argument, -17 the

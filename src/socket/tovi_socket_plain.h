@@ -7,7 +7,8 @@
  * (TOVI_SOCK_WAIT_FOREVER waits without bound, 0 only tries). Addresses
  * are numeric IPv4 or IPv6 text ("192.0.2.1", "::1"); names are not
  * resolved, so no call waits for a name server. NULL or "" binds to every
- * IPv4 address. Descriptors returned are blocking; the caller closes them.
+ * IPv4 address. Connected and accepted descriptors are blocking, listeners
+ * non-blocking (tovi_sock_accept waits on them); the caller closes them.
  *
  * Bonding: the mode, the active slave and the slaves with their link state
  * of a bonding master, read from "/proc/net/bonding/<if>"; the masters are
