@@ -182,7 +182,8 @@ TOVI_API int tovi_lwp_create(tovi_lwp_type_s *type, uint32_t ctx, void *arg, tov
         inst->nvars = static_cast<uint32_t>(nvars);
         inst->bytes = state.total;
         inst->data = reinterpret_cast<unsigned char *>(inst) + head;
-        std::memcpy(inst->offsets, state.offsets.data(), nvars * sizeof(uint32_t));
+        if (nvars != 0)  // an empty table has no data pointer to copy from
+            std::memcpy(inst->offsets, state.offsets.data(), nvars * sizeof(uint32_t));
         ++it->second.instances;
     }
     int rc = type->ctor != nullptr ? type->ctor(inst, inst->data, ctx, arg) : 0;
