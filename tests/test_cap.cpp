@@ -30,17 +30,23 @@ std::string in_user_namespace(const std::function<std::string()> &body)
         const pid_t pid = fork();
         char c = 0;
         if (pid == 0) {
-            c = unshare(CLONE_NEWUSER) == 0 ? 'u' : 'x';
-            if (write(up[1], &c, 1) != 1 || read(go[0], &c, 1) != 1 || c != 'g')
+            close(up[0]);
+            close(go[1]);
+            if (unshare(CLONE_NEWUSER) != 0)
+                _exit(77);  // not everywhere: qemu-user, for one, runs threads of its own
+            if (write(up[1], "u", 1) != 1 || read(go[0], &c, 1) != 1)
                 _exit(3);
             const std::string r = body();
             _exit(r.empty() ? 0 : (std::fprintf(stderr, "%s\n", r.c_str()), 1));
         }
-        CHILD_CHECK(read(up[0], &c, 1) == 1 && c == 'u');
+        close(up[1]);
+        close(go[0]);
+        int status = 0;
+        if (read(up[0], &c, 1) != 1)
+            return waitpid(pid, &status, 0) == pid && WEXITSTATUS(status) == 77 ? "skip" : "the child died";
         const std::string proc = "/proc/" + std::to_string(pid) + "/";
         CHILD_CHECK(tovi::test::write_file(proc + "uid_map", "0 100000 2\n") &&
                     tovi::test::write_file(proc + "gid_map", "0 100000 2\n") && write(go[1], "g", 1) == 1);
-        int status = 0;
         CHILD_CHECK(waitpid(pid, &status, 0) == pid && status == 0);
         return "";
     });
@@ -52,11 +58,8 @@ TEST(Cap, NamesAndMasks)
 {
     tovi::test::LogCapture log;
     const struct { const char *names; int rc; uint64_t mask; } cases[] = {
-        {"", 0, 0},
-        {"cap_net_admin", 0, bit(CAP_NET_ADMIN)},
+        {"", 0, 0}, {"cap_net_admin", 0, bit(CAP_NET_ADMIN)}, {"cap_bogus", -EINVAL, 0}, {"cap_chown,", -EINVAL, 0},
         {"cap_sys_nice,cap_chown", 0, bit(CAP_SYS_NICE) | bit(CAP_CHOWN)},
-        {"cap_bogus", -EINVAL, 0},
-        {"cap_chown,", -EINVAL, 0},
     };
     for (const auto &c : cases) {
         uint64_t mask = 77;
@@ -93,5 +96,7 @@ TEST(Cap, LeaveRootKeepingASet)
         CHILD_CHECK(log.texts() == want);
         return "";
     });
+    if (report == "skip")
+        GTEST_SKIP() << "no user namespace can be made here";
     EXPECT_EQ(report, "");
 }

@@ -1,5 +1,5 @@
 // AES: the FIPS-197 appendix C and AESAVS GFSbox known answers in both
-// directions, in place, and a released key leaving nothing behind.
+// directions, in place; a released key leaves nothing behind; refusals.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -35,6 +35,7 @@ TEST(Crypt, KnownAnswers)
         {256, "0000000000000000000000000000000000000000000000000000000000000000", "014730f80ac625fe84f026c60bfd547d",
          "5c9d844ed46f9885085e5d6a4f94c7d7"},
     };
+    tovi::test::LogCapture log;
     tovi_aes_key_s key{};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.key);
@@ -50,14 +51,7 @@ TEST(Crypt, KnownAnswers)
     EXPECT_EQ(memcmp(&key, &zero, sizeof key), 0);
     uint8_t b[16] = {};
     EXPECT_EQ(tovi_aes_encrypt(&key, b, b), -EINVAL);
-}
-
-TEST(Crypt, Refusals)
-{
-    tovi::test::LogCapture log;
-    tovi_aes_key_s key{};
-    const uint8_t raw[32] = {};
-    EXPECT_EQ(tovi_aes_setkey(&key, raw, 64), -EINVAL);
+    EXPECT_EQ(tovi_aes_setkey(&key, b, 64), -EINVAL);
     EXPECT_EQ(tovi_aes_setkey(&key, nullptr, 128), -EINVAL);
     EXPECT_EQ(log.texts(3), (std::vector<std::string>{"aes: bad key (64 bits).", "aes: bad key (128 bits)."}));
 }
