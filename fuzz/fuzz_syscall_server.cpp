@@ -1,3 +1,5 @@
+// fuzz-seconds: 30
+// (one loopback round trip per input: a live server gets a shorter budget)
 // Throws byte streams at a live private-system-call server on loopback, in a
 // network namespace of its own (port 5583 of the host is never touched).
 // Each input is one connection: the bytes are sent, the sending side shut,

@@ -9,11 +9,14 @@ native=(cmake g++ gcc pkg-config make clang libclang-rt-14-dev
         libsafec-dev libisal-dev libgtest-dev libgmock-dev libbenchmark-dev
         libasan8 libubsan1 libtsan2
         libck-dev dpdk-dev libglib2.0-dev libuv1-dev libinih-dev libiniparser-dev gcovr
+        libssl-dev libcap-dev libmxml-dev
         iproute2 net-tools tzdata)
 # The aarch64 build runs under qemu-aarch64 against Debian's arm64 multiarch
-# C library.
+# C library; libcrypto, libcap and Mini-XML are multiarch too (installed
+# beside the native packages, same version).
 cross=(gcc-aarch64-linux-gnu g++-aarch64-linux-gnu qemu-user
-       libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64 libsafec-dev:arm64 libgtest-dev:arm64)
+       libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64 libsafec-dev:arm64 libgtest-dev:arm64
+       libssl-dev:arm64 libcap-dev:arm64 libmxml-dev:arm64)
 
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi

@@ -17,6 +17,4 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run tsan -L concurrency
 run aarch64
 echo "=== fuzz"
-scripts/fuzz.sh -x fuzz_syscall_server "${TOVI_FUZZ_SECONDS:-60}"
-# One loopback round trip per input: a live server gets a shorter budget.
-scripts/fuzz.sh "${TOVI_FUZZ_SYSCALL_SECONDS:-30}" fuzz_syscall_server
+scripts/fuzz.sh "${TOVI_FUZZ_SECONDS:-60}"

@@ -24,6 +24,9 @@ endif()
 set(names
   affinity/tovi_affinity.cpp=tovi_affinity
   avl/tovi_avl.cpp=tovi_avl
+  bay/tovi_bay.cpp=tovi_bay
+  lwp/tovi_lwp.cpp=tovi_lwp
+  cap/tovi_cap.cpp=tovi_cap
   cfg/tovi_cfg.cpp=tovi_cfg
   cfg/tovi_cfg_cst.cpp=tovi_cst
   cfg/tovi_cfg_edit.cpp=tovi_cfg
@@ -37,6 +40,7 @@ set(names
   cpumask/tovi_cpumask.cpp=tovi_cpumask
   cpumask/tovi_cpumask_numa.cpp=tovi_numa
   cpumask/tovi_cpumask_partition.cpp=tovi_cpumask
+  crypt/tovi_crypt.cpp=tovi_crypt
   hash/tovi_hash.cpp=tovi_hash
   hugepages/tovi_hugepages.cpp=tovi_hugepages
   init/tovi_init.cpp=tovi_init
@@ -50,6 +54,7 @@ set(names
   cpufreq/tovi_cpufreq.cpp=tovi_cpufreq
   percpu_posix/tovi_percpu_posix.cpp=tovi_percpu_posix
   queue/tovi_queue.cpp=tovi_ring
+  rtcsim/tovi_rtcsim.cpp=tovi_rtcsim
   sched/tovi_sched.cpp=tovi_sched
   sched/tovi_sched_wait.cpp=tovi_sem_enhance
   schedwork/tovi_schedwork.cpp=tovi_sched_work
@@ -57,12 +62,15 @@ set(names
   timer/tovi_hr_timer.cpp=tovi_hr_timer
   timer/tovi_timer_posix.cpp=tovi_timer_posix
   socket/tovi_socket.cpp=tovi_socket_rule_route
+  socket/tovi_socket_bond.cpp=tovi_socket
+  socket/tovi_socket_plain.cpp=tovi_socket
   sshd/tovi_sshd.cpp=tovi_sshd
   semaphore/tovi_semaphore.cpp=tovi_sem_enhance
   symbol/tovi_symbol.cpp=tovi_symbol
   syscall/tovi_syscall.cpp=nubo_syscall_main
   syscall/tovi_syscall_server.cpp=nubo_syscall_kernel
   syscall/tovi_syscall_client.cpp=nubo_syscall_linux_user
+  xml/tovi_xml.cpp=tovi_xml
   time/tovi_time.cpp=tovi_time
   time/tovi_time_calendar.cpp=tovi_time
   time/tovi_time_table.cpp=tovi_time
@@ -75,7 +83,8 @@ set(names
   thread/tovi_thread_dump.cpp=tovi_dump_stack
   notifier/tovi_notifier.cpp=tovi_notifier
   exception/tovi_exception.cpp=tovi_exception
-  reboot/tovi_reboot.cpp=tovi_reboot)
+  reboot/tovi_reboot.cpp=tovi_reboot
+  tty/tovi_tty.cpp=tovi_tty)
 # Every file of the thread module logs as "tovi_thrd", however it is split.
 file(GLOB thread_files RELATIVE ${SRC} ${SRC}/thread/*.cpp)
 foreach(f ${thread_files})

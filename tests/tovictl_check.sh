@@ -22,6 +22,7 @@ cases=(
   "2|tovictl: demo: takes no arguments, got 'x'|demo x"
   "2|tovictl: threads: takes no arguments, got 'x'|threads x"
   "2|tovictl: mem: takes no arguments, got 'x'|mem x"
+  "2|tovictl: lwp: takes no arguments, got 'x'|lwp x"
   "2|tovictl: crc32c: no FILE given \(usage: tovictl crc32c \[-v\] FILE\.\.\.\)|crc32c"
   "2|tovictl: crc16: unknown option '-x' \(usage: tovictl crc16 \[-v\] FILE\.\.\.\)|crc16 -x $tmp/ok.ini"
   "1|tovictl: crc32c: cannot open '$tmp/none': No such file or directory|crc32c $tmp/none"
@@ -117,6 +118,10 @@ for re in '^[0-9]+ package\(s\), [0-9]+ logical CPU\(s\), [0-9]+ online, model .
   '^[0-9]{2}:[0-9]{2}:[0-9]{2}( +[0-9]{1,3}%)+$' '^  posix  SYSINFO_PUICPUUSAGE_NOROOT +[0-9]+ bytes at 0x'; do
   [ "$(grep -Ec "$re" "$tmp/out")" -eq 1 ] || fail "tovictl cpu -n 1 / mem: not one line like $re"
 done
+# The sample instances: listed in order of construction, destroyed newest first.
+"${tool[@]}" lwp >"$tmp/out" 2>&1 || fail "tovictl lwp: status $?"
+grep -Eq '^6 +io_context +103 +2 +1056$' "$tmp/out" || fail "tovictl lwp: no sixth instance line: $(cat "$tmp/out")"
+[ "$(grep '^destroyed context' "$tmp/out" | head -1)" = "destroyed context 103" ] || fail "tovictl lwp: not newest first"
 
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))

@@ -18,6 +18,7 @@
 //   frame_pointer()         the caller's frame record
 //   signal_context_pc/sp/fp/flags() and the named registers of a signal
 //                           context (the general ones first)
+//   hypervisor_vendor()     CPUID's hypervisor bit and vendor signature (x86_64 only)
 //
 // Frame records have the same shape on both processors: the saved frame
 // pointer of the caller, then the return address.

@@ -227,4 +227,14 @@ inline void signal_context_registers(const ucontext_t *uc, RegisterSet *set)
     set->values[33] = uc->uc_mcontext.pstate;
 }
 
+// Hypervisor identification (virtual-machine detection): the processor
+// offers no CPUID; the device tree and DMI tell instead.
+inline constexpr bool kHasCpuid = false;
+
+inline bool hypervisor_vendor(char vendor[13])
+{
+    vendor[0] = '\0';
+    return false;
+}
+
 }  // namespace tovi::arch

@@ -446,3 +446,28 @@ inline void signal_context_registers(const ucontext_t *uc, RegisterSet *set)
 }
 
 }  // namespace tovi::arch
+
+#include <cpuid.h>
+
+namespace tovi::arch {
+
+// Hypervisor identification (virtual-machine detection): CPUID leaf 1 sets
+// ECX bit 31 under a hypervisor, whose leaf 0x40000000 carries a 12-byte
+// vendor signature in EBX, ECX, EDX ("KVMKVMKVM\0\0\0", "VMwareVMware").
+
+inline constexpr bool kHasCpuid = true;
+
+inline bool hypervisor_vendor(char vendor[13])
+{
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    vendor[0] = '\0';
+    if (__get_cpuid(1, &a, &b, &c, &d) == 0 || (c & (1u << 31)) == 0)
+        return false;
+    __cpuid(0x40000000, a, b, c, d);
+    const unsigned words[3] = {b, c, d};
+    __builtin_memcpy(vendor, words, 12);
+    vendor[12] = '\0';
+    return true;
+}
+
+}  // namespace tovi::arch

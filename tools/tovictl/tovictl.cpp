@@ -343,6 +343,7 @@ int tovictl_syscall(int argc, char **argv);
 int tovictl_dump(int argc, char **argv);
 int tovictl_crash(int argc, char **argv);
 int tovictl_cpu(int argc, char **argv);
+int tovictl_lwp(int argc, char **argv);
 
 namespace {
 
@@ -364,6 +365,7 @@ const Command kCommands[] = {
     {"dump", "dump PID TID         a thread of a running libtovi process dumps its stack into its log", tovictl_dump},
     {"crash", "crash                a child dies of a fault: what its dump looks like", tovictl_crash},
     {"cpu", "cpu [-n N]           CPU usage of the machine and of each CPU once a second (-n: N samples)", tovictl_cpu},
+    {"lwp", "lwp                  the light-weight process instances of a sample process", tovictl_lwp},
 };
 
 int usage(FILE *out, int code)
