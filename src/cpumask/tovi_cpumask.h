@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * CPU masks and CPU lists.
  *
  * A CPU list is a text of items separated by ',': a CPU number n or a range
@@ -11,7 +12,7 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* ORs the CPUs of a list into a 1024-bit set (sixteen 64-bit words, bit n
+/** ORs the CPUs of a list into a 1024-bit set (sixteen 64-bit words, bit n
  * for CPU n); range ends above 1023 are cut to 1023. A bad item is logged
  * and skipped. 0 when at least one item was applied, -1 otherwise or for
  * NULL. Items naming a partition (group/partition) are not resolved yet:

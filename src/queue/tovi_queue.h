@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * A bounded, lock-free FIFO of 64-bit words (pointers or handles) for passing
  * objects between the threads of one process.
  *
@@ -35,12 +36,12 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* Flags of tovi_ring_create and tovi_ring_create_rts. The value 4 alone is
+/** Flags of tovi_ring_create and tovi_ring_create_rts. The value 4 alone is
  * taken as 3 (both single); other bits are stored and ignored. */
-#define TOVI_RING_F_SP_ENQ 0x1u /* one producer thread at a time */
-#define TOVI_RING_F_SC_DEQ 0x2u /* one consumer thread at a time */
+#define TOVI_RING_F_SP_ENQ 0x1u /**< one producer thread at a time */
+#define TOVI_RING_F_SC_DEQ 0x2u /**< one consumer thread at a time */
 
-/* Set in a burst enqueue's result when the ring is above its watermark. */
+/** Set in a burst enqueue's result when the ring is above its watermark. */
 #define TOVI_RING_QUOT_EXCEED 0x80000000u
 
 #define TOVI_RING_ENOBUFS (-105)
@@ -49,11 +50,11 @@ TOVI_EXTERN_C_BEGIN
 
 typedef struct tovi_ring_s tovi_ring_t;
 
-/* A ring of `count` slots; count must be a power of two, non-zero and below
+/** A ring of `count` slots; count must be a power of two, non-zero and below
  * 0x10000000. NULL for a bad count (logged) or no memory. */
 TOVI_API tovi_ring_t *tovi_ring_create(uint32_t count, uint32_t flags);
 
-/* A ring for threads that may lose their processor while they hold a
+/** A ring for threads that may lose their processor while they hold a
  * reservation (more threads than processors, no pinning). Same count rules,
  * message and flags as tovi_ring_create; NULL for a bad count (logged) or no
  * memory. A side flagged single behaves as on any ring. A multi-thread side
@@ -68,46 +69,46 @@ TOVI_API tovi_ring_t *tovi_ring_create(uint32_t count, uint32_t flags);
  * ring with the same results, and tovi_ring_delete frees it. */
 TOVI_API tovi_ring_t *tovi_ring_create_rts(uint32_t count, uint32_t flags);
 
-/* Frees *ring when neither ring nor *ring is NULL, and sets *ring to NULL. */
+/** Frees *ring when neither ring nor *ring is NULL, and sets *ring to NULL. */
 TOVI_API void tovi_ring_delete(tovi_ring_t **ring);
 
 /* Snapshots from the two tails, read without barriers. Each returns
  * 0xFFFFFFFF (logged) for a NULL ring. */
 
-/* 1 when no object fits, else 0. */
+/** 1 when no object fits, else 0. */
 TOVI_API uint32_t tovi_ring_full(const tovi_ring_t *ring);
-/* 1 when no object is stored, else 0. */
+/** 1 when no object is stored, else 0. */
 TOVI_API uint32_t tovi_ring_empty(const tovi_ring_t *ring);
-/* Objects stored. */
+/** Objects stored. */
 TOVI_API uint32_t tovi_ring_count(const tovi_ring_t *ring);
-/* Objects that still fit. */
+/** Objects that still fit. */
 TOVI_API uint32_t tovi_ring_free_count(const tovi_ring_t *ring);
-/* The slot count, one more than the capacity. */
+/** The slot count, one more than the capacity. */
 TOVI_API uint32_t tovi_ring_size(const tovi_ring_t *ring);
 
-/* Stores one object: 0, -105 (full), -122 (stored, above watermark), -1 for
+/** Stores one object: 0, -105 (full), -122 (stored, above watermark), -1 for
  * a NULL ring (logged). */
 TOVI_API int32_t tovi_ring_enqueue(tovi_ring_t *ring, uint64_t obj);
 
-/* Takes the oldest object into *obj: 0, -2 (empty), -1 for a NULL ring or
+/** Takes the oldest object into *obj: 0, -2 (empty), -1 for a NULL ring or
  * a NULL obj (logged as a NULL ring; nothing is taken). */
 TOVI_API int32_t tovi_ring_dequeue(tovi_ring_t *ring, uint64_t *obj);
 
 /* The bulk and burst calls are the hot path and test nothing: a NULL ring,
  * or a NULL objs with n > 0, is the caller's fault and crashes. */
 
-/* Stores all n objects or none: 0, -105 (none stored), -122 (all stored,
+/** Stores all n objects or none: 0, -105 (none stored), -122 (all stored,
  * above watermark). */
 TOVI_API int32_t tovi_ring_enqueue_bulk(tovi_ring_t *ring, const uint64_t *objs, uint32_t n);
 
-/* Takes exactly n objects or none: 0 or -2 (none taken). */
+/** Takes exactly n objects or none: 0 or -2 (none taken). */
 TOVI_API int32_t tovi_ring_dequeue_bulk(tovi_ring_t *ring, uint64_t *objs, uint32_t n);
 
-/* Stores as many of the n objects as fit: the count stored (possibly 0),
+/** Stores as many of the n objects as fit: the count stored (possibly 0),
  * with TOVI_RING_QUOT_EXCEED set when above the watermark. */
 TOVI_API uint32_t tovi_ring_enqueue_burst(tovi_ring_t *ring, const uint64_t *objs, uint32_t n);
 
-/* Takes up to n objects: the count taken, possibly 0. */
+/** Takes up to n objects: the count taken, possibly 0. */
 TOVI_API uint32_t tovi_ring_dequeue_burst(tovi_ring_t *ring, uint64_t *objs, uint32_t n);
 
 TOVI_EXTERN_C_END

@@ -1,0 +1,35 @@
+# Fails when a public header lacks the comments the reference is built from:
+# a header without "@file" (doxygen then lists none of its functions), an
+# exported function or global without a /** */ comment, or any other doxygen
+# warning. Each is named with its place, e.g.
+#   src/timer/tovi_timer.h:42: tovi_timer_add (function) has no /** */ comment
+# Undocumented macros, types and record fields are counted, not failed.
+set(errors "")
+file(STRINGS ${HEADERS_FILE} headers)
+foreach(h ${headers})
+  file(STRINGS ${h} tag REGEX "[@\\]file")
+  if(NOT tag)
+    string(APPEND errors "  ${h}:1: the header has no /** @file ... */ comment\n")
+  endif()
+endforeach()
+file(STRINGS ${LOG} lines)
+set(minor 0)
+set(continued FALSE)
+foreach(line ${lines})
+  if(line MATCHES "^([^:]+):([0-9]+): warning: Member ([A-Za-z0-9_]+)(\\(.*\\))? \\((function|variable)\\) of file ")
+    string(APPEND errors "  ${CMAKE_MATCH_1}:${CMAKE_MATCH_2}: ${CMAKE_MATCH_3} (${CMAKE_MATCH_5}) has no /** */ comment\n")
+    set(continued FALSE)
+  elseif(line MATCHES "warning: (Member .* is not documented|Compound .* is not documented)")
+    math(EXPR minor "${minor} + 1")
+    set(continued FALSE)
+  elseif(line MATCHES "warning:")
+    string(APPEND errors "  ${line}\n")
+    set(continued TRUE)
+  elseif(continued AND NOT line STREQUAL "")
+    string(APPEND errors "  ${line}\n")
+  endif()
+endforeach()
+if(errors)
+  message(FATAL_ERROR "API reference: fix these in the public headers\n${errors}")
+endif()
+message(STATUS "API reference: every exported function and global documented (${minor} macros, types and fields without a comment)")
