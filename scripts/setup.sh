@@ -9,7 +9,8 @@ native=(cmake g++ gcc pkg-config make clang libclang-rt-14-dev
         libsafec-dev libisal-dev libgtest-dev libgmock-dev libbenchmark-dev
         libasan8 libubsan1 libtsan2
         libck-dev dpdk-dev libglib2.0-dev libuv1-dev libinih-dev libiniparser-dev gcovr
-        iproute2 net-tools)
+        iproute2 net-tools
+        debhelper dpkg-dev doxygen)
 # The aarch64 build runs under qemu-aarch64 against Debian's arm64 multiarch
 # C library.
 cross=(gcc-aarch64-linux-gnu g++-aarch64-linux-gnu qemu-user
