@@ -82,6 +82,10 @@ TOVI_API int64_t tovi_hr_timer_list_pending(tovi_timer_info_s *out, uint32_t max
 
 /* ---- POSIX per-process timers; otherwise the system call's own result ---- */
 
+/* Strict ISO C (-std=c11) leaves these out of <signal.h> and <time.h>. */
+struct sigevent;
+struct itimerspec;
+
 /** @{ */
 /** -22 for a NULL event or out id, or a clock id of 4 or more. */
 TOVI_API int tovi_timer_create_posix(clockid_t clockid, struct sigevent *evp, timer_t *timerid);
