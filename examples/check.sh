@@ -2,8 +2,8 @@
 # check.sh PREFIX: builds each example against the library installed under
 # PREFIX (a `cmake --install` prefix or the usr/ of unpacked packages), once
 # with pkg-config and once with find_package(tovi), runs it and compares what
-# it prints with EXAMPLE.out. Also checks that <tovi/tovi.h> includes every
-# installed public header.
+# it prints with EXAMPLE.out; builds and runs the test kit's example test.
+# Also checks that <tovi/tovi.h> includes every installed public header.
 set -euo pipefail
 prefix=$(cd "$1" && pwd)
 src=$(cd "$(dirname "$0")" && pwd)
@@ -33,4 +33,9 @@ for example in timer_work ini_worker ring_handoff; do
         fi
     done
 done
-echo "examples: timer_work, ini_worker and ring_handoff built with pkg-config and find_package(tovi) and ran as expected"
+# The test kit's example test, as an application's test program links it.
+# shellcheck disable=SC2046
+cc -std=c11 -Wall -Wextra -Werror "$src/../testkit/example_test.c" -o "$tmp/testkit_example" \
+    $(pkg-config --cflags --libs libtovi-testkit)
+"$tmp/testkit_example" >/dev/null || { "$tmp/testkit_example"; exit 1; }
+echo "examples: timer_work, ini_worker and ring_handoff built with pkg-config and find_package(tovi) and ran as expected; the test kit example passed"
