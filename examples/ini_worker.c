@@ -5,7 +5,9 @@
  * changed (another inode or modification time: editors, the library's own
  * included, write a new file and rename it over the old one) it loads the
  * file into the library's cache again, then compares its settings with the
- * ones it runs with and reports each change once. The main thread plays the
+ * ones it runs with and reports each change once. (The library's editor
+ * also refreshes the cache of a loaded file itself, so its edit may show
+ * before the worker notices the new file; either way it is reported once.) The main thread plays the
  * operator: it edits the file once through the library's editor and once by
  * writing a new file, and waits for the worker's answer after each edit.
  */
@@ -45,10 +47,8 @@ static void on_poll(uint64_t data)
     struct stat st;
     if (stat(path, &st) == 0 && (st.st_ino != seen.st_ino || st.st_mtim.tv_sec != seen.st_mtim.tv_sec ||
                                  st.st_mtim.tv_nsec != seen.st_mtim.tv_nsec)) {
-        if (seen.st_ino != 0) {
-            printf("worker: worker.ini changed on disk, loading it again\n");
-            tovi_cfg_init(path);
-        }
+        if (seen.st_ino != 0)
+            tovi_cfg_init(path); /* loads it again: the cache now holds what is on disk */
         seen = st;
     }
     read_setting("message", message, sizeof message);

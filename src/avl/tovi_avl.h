@@ -25,9 +25,10 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_AVL_PREV 0
-#define TOVI_AVL_NEXT 1
+#define TOVI_AVL_PREV 0  /**< tovi_find_avl_nearest_node: the nearest node before `where` */
+#define TOVI_AVL_NEXT 1  /**< the nearest node after `where` */
 
+/** A tree node, embedded in the caller's object at the tree's `offset`. */
 typedef struct tovi_avl_node_s {
     struct tovi_avl_node_s *child[2]; /**< [0] left, [1] right */
     struct tovi_avl_node_s *parent;   /**< NULL at the root */
@@ -35,15 +36,17 @@ typedef struct tovi_avl_node_s {
     int32_t balance;                  /**< right height - left height: -1, 0, +1 */
 } tovi_avl_node_s;
 
+/** Orders `value` against an object of the tree: negative, 0 or positive. */
 typedef int (*tovi_avl_compar_f)(const void *value, const void *object);
 
+/** An AVL tree: its root, its two orderings and where the node sits in an object. */
 typedef struct tovi_avl_tree_s {
-    tovi_avl_node_s *root;
+    tovi_avl_node_s *root;  /**< NULL while empty */
     tovi_avl_compar_f compar;     /**< ordering of tovi_add_avl_node */
     tovi_avl_compar_f comparFind; /**< ordering of tovi_find_avl_node */
     uint32_t offset;              /**< of the node inside an object */
     uint32_t size;                /**< of an object; kept, not used */
-    uint64_t numNodes;
+    uint64_t numNodes;  /**< nodes in the tree */
 } tovi_avl_tree_s;
 
 /** Sets up an empty tree ordered by compar for adding and finding. 0, or -1

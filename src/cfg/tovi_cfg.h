@@ -55,28 +55,28 @@ TOVI_EXTERN_C_BEGIN
 #define TOVI_CFG_LINE_MAX 4194369u     /**< bytes of one line; longer lines are split */
 #define TOVI_CFG_FILE_MAX 268435456u  /**< bytes of a file; larger ones are refused */
 #define TOVI_CFG_RESULT_VALUE_MAX 256u /**< value in a CfgItemResult, NUL included */
-#define TOVI_CFG_ERR_BUFSIZE (-10000)
+#define TOVI_CFG_ERR_BUFSIZE (-10000)  /**< the value does not fit the caller's buffer */
 
 /** Where the library reads its own settings (section "TOVI"), loaded once
  * per process on first use; the environment variable named by
  * TOVI_CFG_LIBRARY_FILE_ENV, when set and not empty, names another file. */
 #define TOVI_CFG_LIBRARY_FILE "/ZSR/conf/tovi.ini"
-#define TOVI_CFG_LIBRARY_FILE_ENV "TOVI_CFG_LIBRARY_FILE"
-#define TOVI_CFG_LIBRARY_SECTION "TOVI"
+#define TOVI_CFG_LIBRARY_FILE_ENV "TOVI_CFG_LIBRARY_FILE"  /**< environment variable naming another settings file */
+#define TOVI_CFG_LIBRARY_SECTION "TOVI"  /**< section of the library's own settings */
 
 /** One item: a link in its section's item list, the name and the value, a
  * separately allocated string owned by the item. */
 typedef struct CfgItemNode {
-    tovi_list_head_s stList;
-    char acItemName[TOVI_CFG_NAME_MAX];
-    char *pItemValue;
+    tovi_list_head_s stList;  /**< link in its section's item list */
+    char acItemName[TOVI_CFG_NAME_MAX];  /**< item name */
+    char *pItemValue;  /**< value, owned by the item */
 } CfgItemNode;
 
 /** One section: a link in its file's section list and the head of its items. */
 typedef struct CfgSectionNode {
-    tovi_list_head_s stList;
-    tovi_list_head_s stItemHead;
-    char acSectionName[TOVI_CFG_NAME_MAX];
+    tovi_list_head_s stList;  /**< link in its file's section list */
+    tovi_list_head_s stItemHead;  /**< head of its items */
+    char acSectionName[TOVI_CFG_NAME_MAX];  /**< section name */
 } CfgSectionNode;
 
 /** One parsed file. llRwlock (a reader-writer spin lock of tovi_lock.h)
@@ -84,26 +84,26 @@ typedef struct CfgSectionNode {
  * yet matched by tovi_cfg_destroy_ex. pIndex is the node's private name
  * index: sections and items are changed only through this interface. */
 typedef struct CfgFileNode {
-    tovi_list_head_s stList;
-    tovi_list_head_s stSectionHead;
-    char acFileName[TOVI_CFG_PATH_MAX];
-    int64_t llRwlock;
-    uint32_t uiRefCnt;
-    void *pIndex;
+    tovi_list_head_s stList;  /**< link in the list of loaded files */
+    tovi_list_head_s stSectionHead;  /**< head of its sections */
+    char acFileName[TOVI_CFG_PATH_MAX];  /**< path as loaded */
+    int64_t llRwlock;  /**< guards the sections and items */
+    uint32_t uiRefCnt;  /**< loads not yet released */
+    void *pIndex;  /**< private name index */
 } CfgFileNode;
 
 /** What tovi_cfg_getItemFromFile returns. */
 typedef struct CfgItemResult {
-    char acItemName[TOVI_CFG_NAME_MAX];
-    char acItemValue[TOVI_CFG_RESULT_VALUE_MAX];
+    char acItemName[TOVI_CFG_NAME_MAX];  /**< item name */
+    char acItemValue[TOVI_CFG_RESULT_VALUE_MAX];  /**< value, at most 255 bytes */
 } CfgItemResult;
 
 /** Lookup context of tovi_cfg_getItemFromFile; iResult starts at -1. */
 typedef struct CfgGetParam {
-    const char *pSection;
-    const char *pItemName;
-    int32_t iResult;
-    CfgItemResult *pItemResult;
+    const char *pSection;  /**< section looked for */
+    const char *pItemName;  /**< item looked for */
+    int32_t iResult;  /**< 0 once found, -1 before */
+    CfgItemResult *pItemResult;  /**< where the match is copied */
 } CfgGetParam;
 
 /** Context of tovi_cfg_write_item_to_file while it streams the file. */
@@ -121,10 +121,10 @@ typedef struct CfgWriteParam {
 /** One edit of tovi_cfg_file_writeOperate; item and value may be NULL where
  * the operation does not use them. */
 typedef struct CfgEditParam {
-    const char *pFile;
-    const char *pSection;
-    const char *pItemName;
-    const char *pItemValue;
+    const char *pFile;  /**< path of the file */
+    const char *pSection;  /**< section */
+    const char *pItemName;  /**< item, or NULL */
+    const char *pItemValue;  /**< value, or NULL */
 } CfgEditParam;
 
 /** An operation on a node: (node, section, item, value). 0 or -1. */

@@ -72,13 +72,13 @@ TOVI_API char *tovi_readline(int32_t fd, char *pBuf, int32_t size);
  * at `start` bytes from the beginning of the file; a length of 0 reaches
  * to the end of the file, however far it grows. */
 typedef struct tovi_lock_req_s {
-    uint32_t mode;
-    int64_t start;
-    int64_t len;
+    uint32_t mode;  /**< TOVI_LOCK_EXCLUSIVE, TOVI_LOCK_NOWAIT */
+    int64_t start;  /**< first byte of the range */
+    int64_t len;  /**< bytes of the range; 0: to the end */
 } tovi_lock_req_s;
 
-#define TOVI_LOCK_EXCLUSIVE 1u
-#define TOVI_LOCK_NOWAIT 2u
+#define TOVI_LOCK_EXCLUSIVE 1u  /**< mode bit: an exclusive (write) lock */
+#define TOVI_LOCK_NOWAIT 2u  /**< mode bit: fail instead of waiting */
 
 /** Takes a POSIX record lock (held by the process, released when any of its
  * descriptors of the file is closed). A waiting request interrupted by a

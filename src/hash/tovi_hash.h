@@ -28,34 +28,38 @@ TOVI_EXTERN_C_BEGIN
 
 /** A bucket head; also the first two fields of every node. */
 typedef struct tovi_hash_list {
-    struct tovi_hash_list *next;
-    struct tovi_hash_list *prev;
+    struct tovi_hash_list *next;  /**< first node; the head itself when empty */
+    struct tovi_hash_list *prev;  /**< last node */
 } tovi_hash_list_s;
 
 /** Embedded in the caller's object. */
 typedef struct tovi_hash_node {
-    struct tovi_hash_list *next;
-    struct tovi_hash_list *prev;
-    uint64_t key64;
-    uint32_t key32;
+    struct tovi_hash_list *next;  /**< next node in the bucket */
+    struct tovi_hash_list *prev;  /**< previous node in the bucket */
+    uint64_t key64;  /**< key of a 64-bit table */
+    uint32_t key32;  /**< key of a 32-bit table */
 } tovi_hash_node_s;
 
 /** Allocator for the table's own memory (caller-owned, kept alive for the
  * table's life). Both callbacks or neither. */
 typedef struct tovi_hash_attr {
-    void *(*malloc)(size_t size);
-    void (*free)(void *mem);
+    void *(*malloc)(size_t size);  /**< allocates `size` bytes, NULL on failure */
+    void (*free)(void *mem);  /**< frees what malloc returned */
 } tovi_hash_attr_s;
 
+/** A hash table: bucketCount bucket heads of doubly linked nodes. */
 typedef struct tovi_hash_table {
-    tovi_hash_list_s *buckets;
+    tovi_hash_list_s *buckets;  /**< bucketCount heads */
     uint32_t bucketCount; /**< a power of two */
     uint8_t pow;          /**< log2(bucketCount) */
-    tovi_hash_attr_s *attr;
+    tovi_hash_attr_s *attr;  /**< allocator; NULL: the C library */
 } tovi_hash_table_s;
 
+/** Releases one node while tovi_hash_destory empties the table. */
 typedef void (*tovi_hash_release_f)(tovi_hash_node_s *node);
+/** Visits one node; a non-zero result ends the walk when the walk's `stop` is set. */
 typedef int32_t (*tovi_hash_visit_f)(tovi_hash_node_s *node);
+/** As tovi_hash_visit_f, with the caller's argument. */
 typedef int32_t (*tovi_hash_visit_ex_f)(tovi_hash_node_s *node, void *arg);
 
 /** Zeroes both callbacks. 0, or -1 for a NULL attr. */

@@ -17,12 +17,12 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_MODULE_NAME_COUNT 1024u
+#define TOVI_MODULE_NAME_COUNT 1024u  /**< module numbers 0 to 1023 have names */
 
 /** Kinds of tovi_mtx_init (deliberately not the platform's own constants). */
 #define TOVI_MTX_NORMAL 0u
-#define TOVI_MTX_ERRORCHECK 1u
-#define TOVI_MTX_RECURSIVE 2u
+#define TOVI_MTX_ERRORCHECK 1u  /**< an error-checking mutex */
+#define TOVI_MTX_RECURSIVE 2u  /**< a recursive mutex */
 
 /** Brings the library up. 0 (at once when already up), or 0xFFFFFFFF when a
  * start step failed; steps that succeeded are not undone. */

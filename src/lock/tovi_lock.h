@@ -29,7 +29,7 @@ TOVI_EXTERN_C_BEGIN
 
 #define TOVI_SPINLOCK_MAGIC 0xDEAD4EADu     /**< lock prefix of modules' records */
 #define TOVI_TSPINLOCK_MAGIC 0xDEAD5EADu    /**< initialised ticket spin lock */
-#define TOVI_TSPINLOCK_DESTROYED 0x5EADDEADu
+#define TOVI_TSPINLOCK_DESTROYED 0x5EADDEADu  /**< a destroyed ticket spin lock */
 #define TOVI_LOCK_NO_OWNER UINT64_MAX       /**< owner of a free lock */
 
 /** Spin-lock debug flag: report every spin period that runs out (100 us)
@@ -45,6 +45,7 @@ typedef struct tovi_spinlock_s {
     uint64_t owner;  /**< kernel thread id of a holder that records itself */
 } tovi_spinlock_s;
 
+/** A free lock prefix, for records initialised statically. */
 #define TOVI_SPINLOCK_INITIALIZER {0u, TOVI_SPINLOCK_MAGIC, 0xFFFFFFFFu, TOVI_LOCK_NO_OWNER}
 
 /** Ticket spin lock. serving and next, read as one little-endian 64-bit word
@@ -65,8 +66,8 @@ typedef struct tovi_tspinlock_s {
  *            bits 32-63 tickets handed out to writers.
  * All counters wrap modulo 2^32. */
 typedef struct tovi_trwlock_s {
-    uint64_t serving;
-    uint64_t tickets;
+    uint64_t serving;  /**< write-serving and read-serving counters */
+    uint64_t tickets;  /**< tickets of all and of writers */
     uint64_t reserved;  /**< zeroed by init, otherwise unused */
 } tovi_trwlock_s;
 
@@ -147,6 +148,9 @@ TOVI_API void do_tovi_trwlock_destroy(tovi_trwlock_s *lock);
 
 /* ---- Caller macros ---- */
 
+/** @{ */
+/** The lock calls with the caller's function and line filled in (the spin
+ * locks report them in their diagnostics). */
 #define tovi_spinlock_lock(l) do_tovi_spinlock_lock((l), __func__, __LINE__)
 #define tovi_spinlock_trylock(l) do_tovi_spinlock_trylock((l), __func__, __LINE__)
 #define tovi_spinlock_unlock(l) do_tovi_spinlock_unlock((l), __func__, __LINE__)
@@ -165,6 +169,7 @@ TOVI_API void do_tovi_trwlock_destroy(tovi_trwlock_s *lock);
 #define tovi_trwlock_write_unlock(l) do_tovi_trwlock_write_unlock(l)
 #define tovi_trwlock_write_trylock(l) do_tovi_trwlock_write_trylock(l)
 #define tovi_trwlock_destroy(l) do_tovi_trwlock_destroy(l)
+/** @} */
 
 TOVI_EXTERN_C_END
 

@@ -13,8 +13,8 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_MEM_MAGIC 0xF5F5F5F5u
-#define TOVI_MEM_MODULES 1024u
+#define TOVI_MEM_MAGIC 0xF5F5F5F5u  /**< marks a tracked block */
+#define TOVI_MEM_MODULES 1024u  /**< module numbers that track memory */
 
 /** The header before every tracked block. */
 typedef struct tovi_mem_head_s {
@@ -64,9 +64,11 @@ TOVI_API uint32_t tovi_mem_stat_dump(void);
 /** Fills `len` bytes of `buf` with `c`, bounded. Returns buf. */
 TOVI_API void *tovi_memset(void *buf, int c, size_t len);
 
+/** @{ */
 /** Tracked allocation with the caller's function and line filled in. */
 #define TOVI_MALLOC(module, size) tovi_mallocsubstandard((module), (size), 0, __func__, __LINE__)
 #define TOVI_FREE(ptr) tovi_freesub((ptr), __func__, __LINE__)
+/** @} */
 
 TOVI_EXTERN_C_END
 

@@ -44,10 +44,11 @@ TOVI_EXTERN_C_BEGIN
 /** Set in a burst enqueue's result when the ring is above its watermark. */
 #define TOVI_RING_QUOT_EXCEED 0x80000000u
 
-#define TOVI_RING_ENOBUFS (-105)
-#define TOVI_RING_EDQUOT (-122)
-#define TOVI_RING_ENOENT (-2)
+#define TOVI_RING_ENOBUFS (-105)  /**< no room for the objects */
+#define TOVI_RING_EDQUOT (-122)  /**< stored, but the ring is above its watermark */
+#define TOVI_RING_ENOENT (-2)  /**< nothing to take */
 
+/** A ring of 64-bit objects; its layout is private. */
 typedef struct tovi_ring_s tovi_ring_t;
 
 /** A ring of `count` slots; count must be a power of two, non-zero and below

@@ -25,22 +25,25 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_RB_RED 0u
-#define TOVI_RB_BLACK 1u
+#define TOVI_RB_RED 0u  /**< colour of a red node */
+#define TOVI_RB_BLACK 1u  /**< colour of a black node */
 
+/** A tree node, embedded in the caller's object. */
 typedef struct tovi_rb_node {
     uint64_t parentColor; /**< parent address | colour (bit 0: black) */
-    struct tovi_rb_node *right;
-    struct tovi_rb_node *left;
+    struct tovi_rb_node *right;  /**< right child */
+    struct tovi_rb_node *left;  /**< left child */
 } tovi_rb_node;
 
+/** A red-black tree: its root node. */
 typedef struct tovi_rb_root {
-    struct tovi_rb_node *node;
+    struct tovi_rb_node *node;  /**< NULL while empty */
 } tovi_rb_root;
 
+/** Recomputes the augmented value of `node` from its children. */
 typedef void (*tovi_rb_augment_f)(tovi_rb_node *node, void *data);
 
-#define TOVI_RB_ROOT_INIT {NULL}
+#define TOVI_RB_ROOT_INIT {NULL}  /**< an empty tree */
 
 /** The object that embeds node as its member `member`. */
 #define tovi_rb_entry(node, type, member) ((type *)((char *)(node) - offsetof(type, member)))

@@ -63,11 +63,13 @@ TOVI_API uint32_t tovi_wake_up_process(int32_t tid);
  * waiters. A NULL head or entry is refused with a level-3 line (-1 or
  * 0xFFFFFFFF by the result's type, nothing done where there is none). */
 
+/** A wait queue: a lock and the entries of its waiters. */
 typedef struct tovi_wait_queue_head_s {
-    tovi_spinlock_s lock;
+    tovi_spinlock_s lock;  /**< guards task_list */
     tovi_list_head_s task_list; /**< wait entries, newest first */
 } wait_queue_head_t;
 
+/** One waiter's entry on a wait queue. */
 typedef struct tovi_wait_queue_entry_s {
     uint32_t tid;            /**< kernel thread id of the waiter, set by the caller */
     uint32_t waiting;        /**< 1 while waiting, 0 once woken or finished: the wait word */

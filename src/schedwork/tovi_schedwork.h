@@ -34,6 +34,7 @@ TOVI_EXTERN_C_BEGIN
 #define TOVI_SCHED_WORK_NOT_QUEUED (-55)  /**< tovi_sched_delete_work of an idle work */
 
 struct tovi_sched_work;
+/** The handler of a work, called with the work on a worker thread. */
 typedef void (*tovi_sched_work_func)(struct tovi_sched_work *work);
 
 /** A work record, owned by the caller; the library never allocates or frees it. */
@@ -106,7 +107,7 @@ TOVI_API void sched_work_dump_thread_stack(uint32_t tid);
 
 /* ---- The heal task, for an outside health-check framework ---- */
 
-#define TOVI_HEAL_TASK_NAME_LEN 32u
+#define TOVI_HEAL_TASK_NAME_LEN 32u  /**< bytes of a heal task's name */
 /** Byte offset of the health word in the framework's record given to the
  * callback: 1 healthy, 0 all workers stuck. */
 #define TOVI_HEAL_RESULT_OFFSET 128u
@@ -120,7 +121,7 @@ typedef struct tovi_heal_task_s {
     uint32_t param56;                   /**< 56: 1, meaning is the framework's */
     uint32_t param60;                   /**< 60: 5, meaning is the framework's */
     uint32_t param64;                   /**< 64: 5, meaning is the framework's */
-    uint32_t pad68;
+    uint32_t pad68;  /**< 68: 0 */
     uint64_t reserved72;                /**< 72: 0 */
 } tovi_heal_task_s;
 
@@ -136,6 +137,7 @@ TOVI_API int32_t tovi_get_sched_work_heal_task_info(tovi_heal_task_s **task, uin
 
 /* ---- Counters for operators (read without locks) ---- */
 
+/** Counters of the work pool (tovi_sched_work_stats). */
 typedef struct tovi_sched_work_stats_s {
     uint64_t queued;        /**< works queued since the process started */
     uint64_t started;       /**< handlers begun since the pool last started */
@@ -144,11 +146,11 @@ typedef struct tovi_sched_work_stats_s {
     uint64_t waitSamples;   /**< queue waits measured */
     uint64_t waitP50Ns;     /**< queue wait (add to handler start), upper bound of */
     uint64_t waitP99Ns;     /**<   the histogram bucket holding the percentile */
-    uint64_t waitMaxNs;
+    uint64_t waitMaxNs;  /**< longest queue wait */
     int32_t threadsAlive;   /**< workers alive (plus 1024 while destroying) */
     int32_t threadsIdle;    /**< workers not running a handler */
     uint32_t freeNumMin;    /**< idle limits in force */
-    uint32_t freeNumMax;
+    uint32_t freeNumMax;  /**< (maximum) */
 } tovi_sched_work_stats_s;
 
 /** Copies the counters, each read atomically without a lock (the set is

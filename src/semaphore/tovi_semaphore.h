@@ -14,12 +14,13 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_SEM_EINTR (-4)
-#define TOVI_SEM_ETIME (-61)
+#define TOVI_SEM_EINTR (-4)  /**< woken without the unit */
+#define TOVI_SEM_ETIME (-61)  /**< the time ran out */
 
+/** An enhanced semaphore: a count and its waiters. */
 typedef struct tovi_sem_enhance_s {
-    tovi_spinlock_s lock;
-    int32_t count;
+    tovi_spinlock_s lock;  /**< guards count and waiters */
+    int32_t count;  /**< units available */
     tovi_list_head_s waiters; /**< oldest first */
 } tovi_sem_enhance_s;
 

@@ -30,53 +30,55 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_IP_RECORD_DIR "/var/lib/ip-ext/"
-#define TOVI_IP_DST_LEN 48
-#define TOVI_IP_ADDR_LEN 46
-#define TOVI_IF_NAME_LEN 16
-#define TOVI_IP_TYPE_LEN 16
+#define TOVI_IP_RECORD_DIR "/var/lib/ip-ext/"  /**< where ip-ext records the rules and routes of each interface */
+#define TOVI_IP_DST_LEN 48  /**< buffer of a destination network */
+#define TOVI_IP_ADDR_LEN 46  /**< buffer of an address (IPv6 text and NUL) */
+#define TOVI_IF_NAME_LEN 16  /**< buffer of an interface name */
+#define TOVI_IP_TYPE_LEN 16  /**< buffer of a rule type name */
 
+/** A route for tovi_ip_route_add_cfg and tovi_ip_route_del_cfg. */
 typedef struct tovi_ip_route_cfg_s {
     uint32_t family; /**< 2 (IPv4) or 10 (IPv6); else version digit 0 */
-    uint32_t table;
-    char dst[TOVI_IP_DST_LEN];
-    uint32_t prefix;
-    char dev[TOVI_IF_NAME_LEN];
+    uint32_t table;  /**< routing table */
+    char dst[TOVI_IP_DST_LEN];  /**< destination network */
+    uint32_t prefix;  /**< its prefix length */
+    char dev[TOVI_IF_NAME_LEN];  /**< outgoing interface */
     char via[TOVI_IP_ADDR_LEN]; /**< empty: "0.0.0.0" or "::" */
     char src[TOVI_IP_ADDR_LEN]; /**< empty: "0.0.0.0" or "::" */
 } tovi_ip_route_cfg_s;
 
+/** A policy rule for tovi_ip_rule_add_cfg and tovi_ip_rule_del_cfg. */
 typedef struct tovi_ip_rule_cfg_s {
     uint32_t family;   /**< 2 or 10 */
     uint32_t type;     /**< 1 unicast, 2 blackhole, 3 unreachable, 4 prohibit, 5 nat */
     uint32_t table;    /**< used for unicast only */
     uint32_t priority; /**< 1 ... 32765 */
-    char src[TOVI_IP_ADDR_LEN];
+    char src[TOVI_IP_ADDR_LEN];  /**< source address */
 } tovi_ip_rule_cfg_s;
 
 /** One recorded rule, as printed "%u %u %s %s %u\n". */
 typedef struct tovi_ip_rule_entry_s {
-    uint32_t family;
-    uint32_t table;
-    char from[TOVI_IP_ADDR_LEN];
-    char type[TOVI_IP_TYPE_LEN];
-    uint32_t priority;
+    uint32_t family;  /**< 2 (IPv4) or 10 (IPv6) */
+    uint32_t table;  /**< routing table */
+    char from[TOVI_IP_ADDR_LEN];  /**< source address */
+    char type[TOVI_IP_TYPE_LEN];  /**< type name */
+    uint32_t priority;  /**< priority */
 } tovi_ip_rule_entry_s;
 
 /** One recorded route, as printed "%u %s %u %s %s %s\n". */
 typedef struct tovi_ip_route_entry_s {
-    uint32_t table;
-    char dst[TOVI_IP_DST_LEN];
-    uint32_t prefix;
-    char via[TOVI_IP_ADDR_LEN];
-    char dev[TOVI_IF_NAME_LEN];
-    char src[TOVI_IP_ADDR_LEN];
+    uint32_t table;  /**< routing table */
+    char dst[TOVI_IP_DST_LEN];  /**< destination network */
+    uint32_t prefix;  /**< prefix length */
+    char via[TOVI_IP_ADDR_LEN];  /**< gateway */
+    char dev[TOVI_IF_NAME_LEN];  /**< outgoing interface */
+    char src[TOVI_IP_ADDR_LEN];  /**< source address */
 } tovi_ip_route_entry_s;
 
 /** One address with its prefix length. */
 typedef struct tovi_ip_addr_s {
-    char addr[TOVI_IP_ADDR_LEN];
-    uint32_t prefix;
+    char addr[TOVI_IP_ADDR_LEN];  /**< address text */
+    uint32_t prefix;  /**< prefix length */
 } tovi_ip_addr_s;
 
 /** Adds (and records) a route with "ip-ext route add_save". */

@@ -13,7 +13,7 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_SYMBOL_TYPE_FUNC 2u
+#define TOVI_SYMBOL_TYPE_FUNC 2u  /**< symbol type of a function */
 
 /** What a lookup finds. The texts belong to the table and stay valid until
  * tovi_symbol_fini. */

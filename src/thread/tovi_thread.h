@@ -23,10 +23,10 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_THREAD_SLOTS 1024u
+#define TOVI_THREAD_SLOTS 1024u  /**< records in the thread registry */
 #define TOVI_THREAD_NAME_LEN 16u          /**< 15 characters and a NUL */
 #define TOVI_THREAD_SIGSTACK_SIZE 65536u  /**< alternate signal stack of each record */
-#define TOVI_THREAD_STRATEGIES 6u
+#define TOVI_THREAD_STRATEGIES 6u  /**< entries of the strategy table */
 #define TOVI_CPUSET_WORDS 16u             /**< a CPU set: 1024 bits, bit n for CPU n */
 #define TOVI_PROCESS_EXE_LEN 256u         /**< buffer of tovi_get_process_exe_name */
 
@@ -35,9 +35,10 @@ TOVI_EXTERN_C_BEGIN
 #define TOVI_THREAD_RUNNING 2u   /**< a thread started directly */
 #define TOVI_THREAD_IDLE 4u      /**< a pool thread waiting for work */
 #define TOVI_THREAD_BUSY 8u      /**< a pool thread running work */
-#define TOVI_THREAD_FINISHED 16u
+#define TOVI_THREAD_FINISHED 16u  /**< a thread that has ended */
 #define TOVI_THREAD_LIVE 14u     /**< running, idle or busy */
 
+/** A thread's routine. */
 typedef void *(*tovi_thread_fn)(void *arg);
 
 struct tovi_thread_slot_s;
@@ -45,21 +46,21 @@ struct tovi_thread_slot_s;
 /** The record of one thread. */
 typedef struct tovi_thread_s {
     struct tovi_thread_slot_s *slot; /**< NULL for a record that got no slot */
-    pthread_t pthread_id;
-    tovi_thread_fn start_routine;
-    void *arg;
+    pthread_t pthread_id;  /**< pthread id */
+    tovi_thread_fn start_routine;  /**< routine the thread runs */
+    void *arg;  /**< its argument */
     int32_t tid;                     /**< kernel thread id, 0 until the thread runs */
-    int32_t pid;
+    int32_t pid;  /**< process id */
     uint64_t bind_cpu;               /**< CPU the thread was bound to; all ones: unknown */
     uint32_t numa_id;                /**< all ones: unknown */
     uint32_t preempt_flag;           /**< 0 preemptive, 1 non-preemptive */
     uint32_t strategy;               /**< last strategy number adopted */
     char name[TOVI_THREAD_NAME_LEN]; /**< "[NULL]" until named */
     uint64_t os_stack_low;           /**< operating-system stack, guard area included */
-    uint64_t os_stack_high;
+    uint64_t os_stack_high;  /**< end of the operating-system stack */
     void *sig_stack;                 /**< TOVI_THREAD_SIGSTACK_SIZE bytes */
     sem_t sem;                       /**< an idle pool thread waits here for work */
-    uint32_t flags;
+    uint32_t flags;  /**< the library's flags */
 } tovi_thread_s;
 
 /* ---- Registry and creation ---- */
@@ -168,7 +169,7 @@ TOVI_API uint32_t tovi_thrd_unsetsigstack(void);
 /** A user-level threading package's stack lookup: fills the bounds of the
  * stack holding `sp` on kernel thread `tid` and returns 0, or non-zero. */
 typedef struct tovi_lwt_stack_ops_s {
-    int (*get_stack)(int32_t tid, uint64_t sp, uint64_t *start, uint64_t *end);
+    int (*get_stack)(int32_t tid, uint64_t sp, uint64_t *start, uint64_t *end);  /**< the lookup */
     const char *desc; /**< description of a stack it finds */
 } tovi_lwt_stack_ops_s;
 
@@ -196,14 +197,15 @@ TOVI_API uint32_t tovi_thread_get_specific_stack(int32_t tid, uint64_t *start, u
 
 /* ---- Thread watch: threads that announce a deadline for their work ---- */
 
-#define TOVI_THREAD_WATCH_MAX 64u
+#define TOVI_THREAD_WATCH_MAX 64u  /**< entries of the watch table */
 
+/** One entry of the thread watch table. */
 typedef struct tovi_thread_watch_s {
     int32_t tid;            /**< kernel thread id; 0 for a free entry */
     uint32_t timeout;       /**< jiffies the work may take */
     uint64_t start_jiffies; /**< when the thread announced it */
     uint32_t overdue;       /**< 1 when more than `timeout` jiffies have passed */
-    char name[TOVI_THREAD_NAME_LEN];
+    char name[TOVI_THREAD_NAME_LEN];  /**< thread name */
 } tovi_thread_watch_s;
 
 /** Watches the calling thread for `timeout` jiffies from now (renewing its
@@ -221,8 +223,8 @@ TOVI_API uint32_t tovi_thread_watch_get(uint32_t index, tovi_thread_watch_s *out
 
 /** A strategy: a nice value and a CPU list ("0-3,8"). */
 typedef struct tovi_thread_strategy_s {
-    int32_t prio;
-    const char *cpus;
+    int32_t prio;  /**< nice value */
+    const char *cpus;  /**< CPU list, e.g. "0-3,8" */
 } tovi_thread_strategy_s;
 
 /** Fills strategy entry `strategy` (0 to 5). 0, or 0xFFFFFFFF for a bad

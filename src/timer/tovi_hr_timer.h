@@ -64,10 +64,10 @@ TOVI_API int tovi_hr_timer_diagnose_func(int argc, char **argv);
  * without locks. Values are upper bounds of histogram buckets (within
  * 12.5 %), the maximum exact. */
 typedef struct tovi_hr_timer_stats_s {
-    uint64_t fired;
-    uint64_t lateP50Ns;
-    uint64_t lateP99Ns;
-    uint64_t lateMaxNs;
+    uint64_t fired;  /**< timers fired */
+    uint64_t lateP50Ns;  /**< median lateness */
+    uint64_t lateP99Ns;  /**< 99th percentile lateness */
+    uint64_t lateMaxNs;  /**< largest lateness */
 } tovi_hr_timer_stats_s;
 
 /** 0, or -1 for NULL. */

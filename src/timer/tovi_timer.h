@@ -26,12 +26,13 @@ TOVI_EXTERN_C_BEGIN
 /** Flag bit 0 of `flags`: a high-resolution timer (nanosecond time-out). */
 #define TOVI_TIMER_FLAG_HR 0x1u
 
+/** A timer's callback, given the timer's data, on the timer thread. */
 typedef void (*tovi_timer_func)(uint64_t data);
 
 /** Absolute monotonic time of a high-resolution timer. */
 typedef struct tovi_timer_time_s {
-    int64_t sec;
-    int64_t nsec;
+    int64_t sec;  /**< seconds */
+    int64_t nsec;  /**< nanoseconds */
 } tovi_timer_time_s;
 
 /** The timer record. Owned by the caller; zeroed by tovi_timer_init or
@@ -43,12 +44,12 @@ typedef struct tovi_timer {
     uint64_t expirTime;         /**< absolute expiry, tovi_time_getmillisec() milliseconds */
     uint64_t timeOut;           /**< the relative time-out last given */
     uint64_t data;              /**< argument of func */
-    tovi_timer_func func;
+    tovi_timer_func func;  /**< callback */
     uint8_t isp;                /**< high-resolution queue state */
     uint8_t flags;              /**< TOVI_TIMER_FLAG_HR */
     const char *funcName;       /**< the arming caller, for diagnostics */
-    const char *file;
-    int32_t line;
+    const char *file;  /**< arming caller's file */
+    int32_t line;  /**< and line */
 } tovi_timer;
 
 /** Builds the timer root and starts the timer thread, once. 0, or -1 when
@@ -100,15 +101,15 @@ TOVI_API void tovi_timer_show(tovi_list_head_s *entry);
 /** A copy of one pending timer, for listings. */
 typedef struct tovi_timer_info_s {
     uint64_t addr;        /**< address of the record */
-    uint64_t expirTime;
-    uint64_t timeOut;
-    uint64_t data;
-    uint64_t func;
-    const char *funcName;
-    const char *file;
-    int32_t line;
-    uint8_t isp;
-    uint8_t flags;
+    uint64_t expirTime;  /**< absolute expiry, milliseconds */
+    uint64_t timeOut;  /**< relative time-out last given */
+    uint64_t data;  /**< argument of func */
+    uint64_t func;  /**< callback address */
+    const char *funcName;  /**< arming function */
+    const char *file;  /**< arming file */
+    int32_t line;  /**< arming line */
+    uint8_t isp;  /**< high-resolution queue state */
+    uint8_t flags;  /**< TOVI_TIMER_FLAG_HR */
 } tovi_timer_info_s;
 
 /** Copies up to `max` timers that wait in the wheel (not those being fired

@@ -22,11 +22,11 @@
 extern "C" {
 #endif
 
-#define VRLOG_API __attribute__((visibility("default")))
+#define VRLOG_API __attribute__((visibility("default")))  /**< marks vrlog's interface */
 
-#define VRLOG_MODULE_COUNT 1024u
-#define VRLOG_ALL_MODULES 0xFFFFFFFFu
-#define VRLOG_DEFAULT_LEVEL 6u
+#define VRLOG_MODULE_COUNT 1024u  /**< module numbers 0 to 1023 */
+#define VRLOG_ALL_MODULES 0xFFFFFFFFu  /**< every module, for vrlog_loglevel_set */
+#define VRLOG_DEFAULT_LEVEL 6u  /**< threshold of a module not set */
 
 /** Names a module for the lines it logs. 0, or -1 for a number above 1023 or a
  * null name. The name pointer is kept, not copied. */
