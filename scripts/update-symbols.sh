@@ -8,6 +8,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=build/symbols
+if command -v ccache >/dev/null; then
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+fi
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVI_BUILD_TESTS=OFF -DTOVI_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" --target tovi vrlog -j2 >/dev/null
 version=$(sed -n 's/^project(tovi VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
