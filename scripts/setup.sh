@@ -10,7 +10,8 @@ native=(cmake g++ gcc pkg-config make clang libclang-rt-14-dev
         libasan8 libubsan1 libtsan2
         libck-dev dpdk-dev libglib2.0-dev libuv1-dev libinih-dev libiniparser-dev gcovr
         libssl-dev libcap-dev libmxml-dev
-        iproute2 net-tools tzdata)
+        iproute2 net-tools tzdata
+        debhelper dpkg-dev doxygen)
 # The aarch64 build runs under qemu-aarch64 against Debian's arm64 multiarch
 # C library; libcrypto, libcap and Mini-XML are multiarch too (installed
 # beside the native packages, same version).

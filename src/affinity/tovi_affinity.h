@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The affinity level: a named CPU set, "affinity_level_1", to which the
  * timer threads bind themselves. Its CPUs are the item
  * "THREAD_CPU_AFFINITY_LIST" of the custom-settings section named after the
@@ -16,7 +17,7 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_AFFINITY_NAME_LEN 64u  /* level name, NUL included */
+#define TOVI_AFFINITY_NAME_LEN 64u  /**< level name, NUL included */
 
 /** A named affinity level and its CPU set (1024 bits, bit n for CPU n). */
 typedef struct tovi_affinity_level_s {

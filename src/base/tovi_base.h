@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Definitions shared by every public header of the library.
  *
  * Results. 0 is success everywhere. Failures come in the families the
@@ -40,27 +41,27 @@
 #define TOVI_EXTERN_C_BEGIN extern "C" {
 #define TOVI_EXTERN_C_END }
 #else
-#define TOVI_EXTERN_C_BEGIN
-#define TOVI_EXTERN_C_END
+#define TOVI_EXTERN_C_BEGIN  /**< opens the C linkage of a public header's declarations */
+#define TOVI_EXTERN_C_END  /**< closes it */
 #endif
 
-/* Marks a function or object as part of the library's interface. */
+/** Marks a function or object as part of the library's interface. */
 #define TOVI_API __attribute__((visibility("default")))
 
-#define TOVI_OK 0u
-#define TOVI_ERR 0xFFFFFFFFu
+#define TOVI_OK 0u  /**< success of every status result */
+#define TOVI_ERR 0xFFFFFFFFu  /**< failure of the all-ones status results */
 
-/* The library's own module number, for logging and the private system call. */
+/** The library's own module number, for logging and the private system call. */
 #define TOVI_MODULE_ID 381u
 
-/* Node of the library's intrusive doubly linked lists; a list head is a
+/** Node of the library's intrusive doubly linked lists; a list head is a
  * node whose links point at itself when the list is empty. */
 typedef struct tovi_list_head_s {
-    struct tovi_list_head_s *next;
-    struct tovi_list_head_s *prev;
+    struct tovi_list_head_s *next;  /**< next node; the head itself at the end */
+    struct tovi_list_head_s *prev;  /**< previous node; the head itself at the start */
 } tovi_list_head_s;
 
-/* Jiffies per second. */
+/** Jiffies per second. */
 #define TOVI_HZ 250u
 
 #endif

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The enclosure's bay (disk slot) description, read from an XML file into
  * caller-owned records.
  *

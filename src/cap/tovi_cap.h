@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Process capabilities through libcap: read them, drop to a named set,
  * change user and group ids keeping a named set, and the "run without
  * root" step a daemon takes once its privileged start-up is over.

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Which kernel-side companion serves this process: "kernel" (the platform
  * kernel's private system call and devices) or "user" (the library's own
  * stand-in on hosts without it). Chosen at first use; TOVI_COMPANION=kernel
@@ -11,7 +12,7 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* "kernel" or "user". */
+/** "kernel" or "user". */
 TOVI_API const char *tovi_companion_name(void);
 
 TOVI_EXTERN_C_END

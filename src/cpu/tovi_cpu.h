@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * CPU counts and the platform's processor controls.
  *
  * The controls are private system call operations of the kernel companion:

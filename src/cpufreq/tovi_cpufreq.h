@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * CPU frequency: a per-CPU table of the available frequencies and the
  * governor read from the kernel's cpufreq files, governor and package
  * maximum changes made by shell commands, and whole-machine frequency steps

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * CPU masks, CPU lists, CPU partitions and NUMA nodes.
  *
  * A CPU mask is 256 bits held as TOVI_CPUMASK_WORDS 64-bit words, bit n for
@@ -28,11 +29,11 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_CPUMASK_WORDS 4u    /* words of a CPU mask */
-#define TOVI_CPUMASK_BITS 256u   /* CPUs a mask names */
-#define TOVI_CPUSET_BITS 1024u   /* CPUs a CPU set names */
-#define TOVI_CPUM_NAME_LEN 32u   /* group and partition names, NUL included */
-#define TOVI_CPUM_BIND_LEN 256u  /* a partition's CPU binding, NUL included */
+#define TOVI_CPUMASK_WORDS 4u    /**< words of a CPU mask */
+#define TOVI_CPUMASK_BITS 256u   /**< CPUs a mask names */
+#define TOVI_CPUSET_BITS 1024u   /**< CPUs a CPU set names */
+#define TOVI_CPUM_NAME_LEN 32u   /**< group and partition names, NUL included */
+#define TOVI_CPUM_BIND_LEN 256u  /**< a partition's CPU binding, NUL included */
 #define TOVI_CPUM_PARTITION_FILE "/ZSR/conf/app_data/qlrt/product.ini"
 #define TOVI_NUMAM_FILE "/opt/kestrelbox/KwantaNumaConfiguration.ini"
 
@@ -69,18 +70,18 @@ TOVI_API uint32_t tovi_next_cpu(uint32_t cpu, const uint64_t *mask);
 
 /** One partition of a CPU group. */
 typedef struct tovi_cpum_partition_s {
-    tovi_list_head_s stList;               /* link in its group's list */
-    int32_t iType;                         /* the decimal type of the entry */
-    int32_t iFlag;                         /* always 0 when read */
-    char acName[TOVI_CPUM_NAME_LEN];       /* partition name */
-    char acCpuBind[TOVI_CPUM_BIND_LEN];    /* its CPU list */
+    tovi_list_head_s stList;               /**< link in its group's list */
+    int32_t iType;                         /**< the decimal type of the entry */
+    int32_t iFlag;                         /**< always 0 when read */
+    char acName[TOVI_CPUM_NAME_LEN];       /**< partition name */
+    char acCpuBind[TOVI_CPUM_BIND_LEN];    /**< its CPU list */
 } tovi_cpum_partition_s;
 
 /** One CPU group (a GROUP_i section) and its partitions. */
 typedef struct tovi_cpum_group_s {
-    tovi_list_head_s stList;               /* link in the list of groups */
-    tovi_list_head_s stPartitions;         /* its tovi_cpum_partition_s */
-    char acName[TOVI_CPUM_NAME_LEN];       /* the section name */
+    tovi_list_head_s stList;               /**< link in the list of groups */
+    tovi_list_head_s stPartitions;         /**< its tovi_cpum_partition_s */
+    char acName[TOVI_CPUM_NAME_LEN];       /**< the section name */
 } tovi_cpum_group_s;
 
 /** Printing function of tovi_cpum_dbg_show (printf-like). */

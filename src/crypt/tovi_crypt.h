@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * AES block cipher: key set-up and single-block (ECB) encryption and
  * decryption with 128-, 192- and 256-bit keys, over libcrypto's EVP
  * interface.

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The process-wide exception chain, "tovi_exception_chain": a notifier chain
  * that a fatal signal runs (after its dump, before the process dies) with
  * the interrupted registers; the installation of the fault handlers; and a

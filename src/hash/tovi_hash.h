@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Intrusive chained hash table keyed by a pair (a 32-bit and a 64-bit key).
  *
  * The caller embeds a tovi_hash_node_s in each object and owns it; the table
@@ -25,42 +26,46 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* A bucket head; also the first two fields of every node. */
+/** A bucket head; also the first two fields of every node. */
 typedef struct tovi_hash_list {
-    struct tovi_hash_list *next;
-    struct tovi_hash_list *prev;
+    struct tovi_hash_list *next;  /**< first node; the head itself when empty */
+    struct tovi_hash_list *prev;  /**< last node */
 } tovi_hash_list_s;
 
-/* Embedded in the caller's object. */
+/** Embedded in the caller's object. */
 typedef struct tovi_hash_node {
-    struct tovi_hash_list *next;
-    struct tovi_hash_list *prev;
-    uint64_t key64;
-    uint32_t key32;
+    struct tovi_hash_list *next;  /**< next node in the bucket */
+    struct tovi_hash_list *prev;  /**< previous node in the bucket */
+    uint64_t key64;  /**< key of a 64-bit table */
+    uint32_t key32;  /**< key of a 32-bit table */
 } tovi_hash_node_s;
 
-/* Allocator for the table's own memory (caller-owned, kept alive for the
+/** Allocator for the table's own memory (caller-owned, kept alive for the
  * table's life). Both callbacks or neither. */
 typedef struct tovi_hash_attr {
-    void *(*malloc)(size_t size);
-    void (*free)(void *mem);
+    void *(*malloc)(size_t size);  /**< allocates `size` bytes, NULL on failure */
+    void (*free)(void *mem);  /**< frees what malloc returned */
 } tovi_hash_attr_s;
 
+/** A hash table: bucketCount bucket heads of doubly linked nodes. */
 typedef struct tovi_hash_table {
-    tovi_hash_list_s *buckets;
-    uint32_t bucketCount; /* a power of two */
-    uint8_t pow;          /* log2(bucketCount) */
-    tovi_hash_attr_s *attr;
+    tovi_hash_list_s *buckets;  /**< bucketCount heads */
+    uint32_t bucketCount; /**< a power of two */
+    uint8_t pow;          /**< log2(bucketCount) */
+    tovi_hash_attr_s *attr;  /**< allocator; NULL: the C library */
 } tovi_hash_table_s;
 
+/** Releases one node while tovi_hash_destory empties the table. */
 typedef void (*tovi_hash_release_f)(tovi_hash_node_s *node);
+/** Visits one node; a non-zero result ends the walk when the walk's `stop` is set. */
 typedef int32_t (*tovi_hash_visit_f)(tovi_hash_node_s *node);
+/** As tovi_hash_visit_f, with the caller's argument. */
 typedef int32_t (*tovi_hash_visit_ex_f)(tovi_hash_node_s *node, void *arg);
 
-/* Zeroes both callbacks. 0, or -1 for a NULL attr. */
+/** Zeroes both callbacks. 0, or -1 for a NULL attr. */
 TOVI_API int32_t tovi_hash_attr_init(tovi_hash_attr_s *attr);
 
-/* Creates a table of the largest power of two not above `count` buckets
+/** Creates a table of the largest power of two not above `count` buckets
  * (at least 2 should be asked for). `limit` must not exceed 1023 and is only
  * checked. 0 with *table set; -22 for count 0, a NULL table, limit above
  * 1023 or 2^31 buckets or more; -12 (and *table NULL) when an allocation
@@ -68,45 +73,45 @@ TOVI_API int32_t tovi_hash_attr_init(tovi_hash_attr_s *attr);
 TOVI_API int32_t tovi_hash_create_ex(uint32_t count, tovi_hash_table_s **table, uint32_t limit,
                                      tovi_hash_attr_s *attr);
 
-/* tovi_hash_create_ex without an allocator attribute. */
+/** tovi_hash_create_ex without an allocator attribute. */
 TOVI_API int32_t tovi_hash_create(uint32_t count, tovi_hash_table_s **table, uint32_t limit);
 
-/* Empties every bucket in index order, front first, passing each node
+/** Empties every bucket in index order, front first, passing each node
  * (pointing to itself) to `release` when given; frees the table. 0, or -22
  * for a NULL table. */
 TOVI_API int32_t tovi_hash_destory(tovi_hash_table_s *table, tovi_hash_release_f release);
 
-/* Links the node at the front of its bucket. 0; -17 when a node with both
+/** Links the node at the front of its bucket. 0; -17 when a node with both
  * keys equal is present (the table is unchanged); -22 for a NULL argument. */
 TOVI_API int32_t tovi_hash_insert(tovi_hash_table_s *table, tovi_hash_node_s *node);
 
-/* Unlinks the node with these keys, leaves it pointing to itself and stores
+/** Unlinks the node with these keys, leaves it pointing to itself and stores
  * it in *node when `node` is given. 0; -1 not found; -22 for a NULL table. */
 TOVI_API int32_t tovi_hash_delete(tovi_hash_table_s *table, uint32_t key32, uint64_t key64,
                                   tovi_hash_node_s **node);
 
-/* *node = the node with these keys and 0, or NULL and -1. -22 for a NULL
+/** *node = the node with these keys and 0, or NULL and -1. -22 for a NULL
  * table or node. */
 TOVI_API int32_t tovi_hash_search(tovi_hash_table_s *table, uint32_t key32, uint64_t key64,
                                   tovi_hash_node_s **node);
 
-/* Calls `visit` for every node, buckets in index order, each front to back.
+/** Calls `visit` for every node, buckets in index order, each front to back.
  * The next node is read before the call, so `visit` may remove the node it
  * is given (and no other). When `visit` returns non-zero and `stop` is
  * non-zero, returns that value at once; else 0. -22 for a NULL table or
  * callback. */
 TOVI_API int32_t tovi_hash_for_each(tovi_hash_table_s *table, tovi_hash_visit_f visit, uint8_t stop);
 
-/* tovi_hash_for_each passing `arg` to every call. */
+/** tovi_hash_for_each passing `arg` to every call. */
 TOVI_API int32_t tovi_hash_for_each_ex(tovi_hash_table_s *table, tovi_hash_visit_ex_f visit, void *arg,
                                        uint8_t stop);
 
-/* Memory for the table: the system allocator when attr is NULL or has
+/** Memory for the table: the system allocator when attr is NULL or has
  * neither callback, the attribute's malloc when it has both; NULL (and a
  * level-6 message) when it has only one. */
 TOVI_API void *tovi_hash_malloc(tovi_hash_attr_s *attr, size_t size);
 
-/* Frees memory from tovi_hash_malloc: the system free when attr is NULL or
+/** Frees memory from tovi_hash_malloc: the system free when attr is NULL or
  * has no free callback, else the attribute's free. */
 TOVI_API void tovi_hash_free(tovi_hash_attr_s *attr, void *mem);
 

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Huge pages: the sizes the kernel offers (one directory
  * "/sys/kernel/mm/hugepages/hugepages-<N>kB" each) and their counters.
  * tovi_huge_page_init reads the sizes once into the module's list, smallest
@@ -16,11 +17,11 @@ TOVI_EXTERN_C_BEGIN
 
 /** One huge-page size and its pool's counters, as the kernel reports them. */
 typedef struct tovi_huge_page_info_s {
-    uint64_t size;     /* bytes per page */
-    uint64_t total;    /* nr_hugepages */
-    uint64_t free;     /* free_hugepages */
-    uint64_t reserved; /* resv_hugepages */
-    uint64_t surplus;  /* surplus_hugepages */
+    uint64_t size;     /**< bytes per page */
+    uint64_t total;    /**< nr_hugepages */
+    uint64_t free;     /**< free_hugepages */
+    uint64_t reserved; /**< resv_hugepages */
+    uint64_t surplus;  /**< surplus_hugepages */
 } tovi_huge_page_info_s;
 
 /** Reads the offered sizes into the module's list, once; later calls

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Busy-wait locks for short critical sections shared by the library's and
  * the application's threads.
  *
@@ -26,37 +27,37 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_SPINLOCK_MAGIC 0xDEAD4EADu     /* lock prefix of modules' records */
-#define TOVI_TSPINLOCK_MAGIC 0xDEAD5EADu    /* initialised ticket spin lock */
+#define TOVI_SPINLOCK_MAGIC 0xDEAD4EADu     /**< lock prefix of modules' records */
+#define TOVI_TSPINLOCK_MAGIC 0xDEAD5EADu    /**< initialised ticket spin lock */
 #define TOVI_TSPINLOCK_DESTROYED 0x5EADDEADu
-#define TOVI_LOCK_NO_OWNER UINT64_MAX       /* owner of a free lock */
+#define TOVI_LOCK_NO_OWNER UINT64_MAX       /**< owner of a free lock */
 
-/* Spin-lock debug flag: report every spin period that runs out (100 us)
+/** Spin-lock debug flag: report every spin period that runs out (100 us)
  * with the waiter's thread id and a short stack trace. */
 #define TOVI_SPINLOCK_DEBUG_LONGWAIT 1ull
 
-/* The lock prefix that modules put in front of their guarded records: only
+/** The lock prefix that modules put in front of their guarded records: only
  * `lock` is used as a (plain spin) lock; the rest is set at init. */
 typedef struct tovi_spinlock_s {
-    uint64_t lock;   /* spin lock word, 0 free */
-    uint32_t magic;  /* TOVI_SPINLOCK_MAGIC */
-    uint32_t other;  /* 0xFFFFFFFF */
-    uint64_t owner;  /* kernel thread id of a holder that records itself */
+    uint64_t lock;   /**< spin lock word, 0 free */
+    uint32_t magic;  /**< TOVI_SPINLOCK_MAGIC */
+    uint32_t other;  /**< 0xFFFFFFFF */
+    uint64_t owner;  /**< kernel thread id of a holder that records itself */
 } tovi_spinlock_s;
 
 #define TOVI_SPINLOCK_INITIALIZER {0u, TOVI_SPINLOCK_MAGIC, 0xFFFFFFFFu, TOVI_LOCK_NO_OWNER}
 
-/* Ticket spin lock. serving and next, read as one little-endian 64-bit word
+/** Ticket spin lock. serving and next, read as one little-endian 64-bit word
  * (next in the upper half), are what the reports print as "lock". */
 typedef struct tovi_tspinlock_s {
-    uint32_t serving;  /* the ticket now allowed in */
-    uint32_t next;     /* the next ticket to hand out */
-    uint32_t magic;    /* TOVI_TSPINLOCK_MAGIC while initialised */
-    uint32_t other;    /* 0xFFFFFFFF after init; only printed */
-    uint64_t owner;    /* kernel thread id of the holder, TOVI_LOCK_NO_OWNER when free */
+    uint32_t serving;  /**< the ticket now allowed in */
+    uint32_t next;     /**< the next ticket to hand out */
+    uint32_t magic;    /**< TOVI_TSPINLOCK_MAGIC while initialised */
+    uint32_t other;    /**< 0xFFFFFFFF after init; only printed */
+    uint64_t owner;    /**< kernel thread id of the holder, TOVI_LOCK_NO_OWNER when free */
 } tovi_tspinlock_s;
 
-/* Ticket reader-writer lock: three 64-bit words, each pair of 32-bit
+/** Ticket reader-writer lock: three 64-bit words, each pair of 32-bit
  * counters changed with one 64-bit compare-and-swap.
  *   serving: bits 0-31 write-serving (the ticket a writer waits for),
  *            bits 32-63 read-serving (the writer count a reader waits for);
@@ -66,25 +67,25 @@ typedef struct tovi_tspinlock_s {
 typedef struct tovi_trwlock_s {
     uint64_t serving;
     uint64_t tickets;
-    uint64_t reserved;  /* zeroed by init, otherwise unused */
+    uint64_t reserved;  /**< zeroed by init, otherwise unused */
 } tovi_trwlock_s;
 
 /* ---- Spin lock (the name and line are the caller's; unused here) ---- */
 
-/* Takes the lock, spinning and then sleeping 1 ms between 100 us spin periods. */
+/** Takes the lock, spinning and then sleeping 1 ms between 100 us spin periods. */
 TOVI_API void do_tovi_spinlock_lock(uint64_t *lock, const char *func, uint32_t line);
-/* One attempt: 1 when taken, 0 when held by someone. */
+/** One attempt: 1 when taken, 0 when held by someone. */
 TOVI_API uint32_t do_tovi_spinlock_trylock(uint64_t *lock, const char *func, uint32_t line);
-/* Releases the lock; a word that is not 1 (held) is left as it is. */
+/** Releases the lock; a word that is not 1 (held) is left as it is. */
 TOVI_API void do_tovi_spinlock_unlock(uint64_t *lock, const char *func, uint32_t line);
 
-/* Debug flags (TOVI_SPINLOCK_DEBUG_LONGWAIT): set bits, clear bits, read.
+/** Debug flags (TOVI_SPINLOCK_DEBUG_LONGWAIT): set bits, clear bits, read.
  * Plain read-modify-write, meant for one debugging switch. Always 0. */
 TOVI_API uint32_t tovi_spinlock_set_flags(uint64_t mask);
 TOVI_API uint32_t tovi_spinlock_clear_flags(uint64_t mask);
 TOVI_API uint32_t tovi_spinlock_get_flags(uint64_t *flags);
 
-/* Logs (unconditionally) the caller's kernel thread id and three return
+/** Logs (unconditionally) the caller's kernel thread id and three return
  * addresses with their symbols, after skipping `skip` frames. */
 TOVI_API void debug_dump_stack(uint32_t skip);
 
@@ -93,54 +94,54 @@ TOVI_API void debug_dump_stack(uint32_t skip);
  * with a compare-and-swap loop whose store has release ordering, a writer by
  * storing 0 with release ordering. */
 
-/* Spins while a writer holds the lock, then adds a reader. */
+/** Spins while a writer holds the lock, then adds a reader. */
 TOVI_API void tovi_rwlock_read_lock(int64_t *lock);
-/* 1 when a reader was added, 0 when a writer holds the lock (a race with
+/** 1 when a reader was added, 0 when a writer holds the lock (a race with
  * other readers is retried, never failed). */
 TOVI_API uint8_t tovi_rwlock_try_read_lock(int64_t *lock);
-/* Spins until the lock is free, then stores all ones. */
+/** Spins until the lock is free, then stores all ones. */
 TOVI_API void tovi_rwlock_write_lock(int64_t *lock);
-/* As tovi_rwlock_read_lock, sleeping 1 us after every 10 failed attempts. */
+/** As tovi_rwlock_read_lock, sleeping 1 us after every 10 failed attempts. */
 TOVI_API void tovi_rwlock_read_lock_mayblock(int64_t *lock);
-/* Takes the lock for writing by storing INT64_MIN (only bit 63 set),
+/** Takes the lock for writing by storing INT64_MIN (only bit 63 set),
  * sleeping 1 us after every 10 failed attempts. */
 TOVI_API void tovi_rwlock_write_lock_mayblock(int64_t *lock);
 
 /* ---- Ticket spin lock (the name and line appear in every report) ---- */
 
-/* Makes the lock free; reports "ReInited lock" when it was initialised. */
+/** Makes the lock free; reports "ReInited lock" when it was initialised. */
 TOVI_API void do_tovi_tspinlock_init(tovi_tspinlock_s *lock, const char *func, uint32_t line);
-/* Takes a ticket and waits for it without limit; reports "UnInited lock"
+/** Takes a ticket and waits for it without limit; reports "UnInited lock"
  * and "AA lock" (already held by the caller) but goes on. */
 TOVI_API void do_tovi_tspinlock_lock(tovi_tspinlock_s *lock, const char *func, uint32_t line);
-/* 1 when taken at once, 0 when held or waited for. Reports as lock. */
+/** 1 when taken at once, 0 when held or waited for. Reports as lock. */
 TOVI_API uint32_t do_tovi_tspinlock_trylock(tovi_tspinlock_s *lock, const char *func, uint32_t line);
-/* Lets the next ticket in; reports "UnInited lock", "AB lock" (caller is not
+/** Lets the next ticket in; reports "UnInited lock", "AB lock" (caller is not
  * the holder) and "ReUnlock" (lock was free), and advances regardless. */
 TOVI_API void do_tovi_tspinlock_unlock(tovi_tspinlock_s *lock, const char *func, uint32_t line);
-/* Marks the lock destroyed; reports "UnInited lock" when it was not initialised. */
+/** Marks the lock destroyed; reports "UnInited lock" when it was not initialised. */
 TOVI_API void do_tovi_tspinlock_destroy(tovi_tspinlock_s *lock, const char *func, uint32_t line);
 
 /* ---- Ticket reader-writer lock ---- */
 
-/* Zeroes the record. */
+/** Zeroes the record. */
 TOVI_API void do_tovi_trwlock_init(tovi_trwlock_s *lock);
-/* Waits for every writer that took a ticket earlier. */
+/** Waits for every writer that took a ticket earlier. */
 TOVI_API void do_tovi_trwlock_read_lock(tovi_trwlock_s *lock);
 TOVI_API void do_tovi_trwlock_read_unlock(tovi_trwlock_s *lock);
-/* 1 when entered at once, 0 when a writer holds or waits. */
+/** 1 when entered at once, 0 when a writer holds or waits. */
 TOVI_API uint32_t do_tovi_trwlock_read_trylock(tovi_trwlock_s *lock);
-/* Waits for every reader and writer that took a ticket earlier. */
+/** Waits for every reader and writer that took a ticket earlier. */
 TOVI_API void do_tovi_trwlock_write_lock(tovi_trwlock_s *lock);
 TOVI_API void do_tovi_trwlock_write_unlock(tovi_trwlock_s *lock);
-/* 1 when entered at once, 0 when anyone holds or waits. */
+/** 1 when entered at once, 0 when anyone holds or waits. */
 TOVI_API uint32_t do_tovi_trwlock_write_trylock(tovi_trwlock_s *lock);
-/* Does nothing. */
+/** Does nothing. */
 TOVI_API void do_tovi_trwlock_destroy(tovi_trwlock_s *lock);
 
 /* ---- Caller macros ---- */
 
-/* The spin lock's uncontended paths run in the caller with the results of
+/** The spin lock's uncontended paths run in the caller with the results of
  * the exported calls: one compare-and-swap from 0 to 1 takes a free lock
  * (acquire; pairs with the unlock's release), and a held word (1) is freed by
  * a releasing store, as only its holder may change it. A NULL lock, a held

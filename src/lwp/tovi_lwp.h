@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Light-weight process instances and their variables.
  *
  * A caller describes an instance type once in a record it owns

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Notifier chains: callers register blocks (a callback and a priority) on a
  * chain and a walk calls them in descending priority order, registration
  * order among equals. A callback's status with TOVI_NOTIFY_STOP_MASK set

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * A bounded, lock-free FIFO of 64-bit words (pointers or handles) for passing
  * objects between the threads of one process.
  *
@@ -35,12 +36,12 @@
 
 TOVI_EXTERN_C_BEGIN
 
-/* Flags of tovi_ring_create and tovi_ring_create_rts. The value 4 alone is
+/** Flags of tovi_ring_create and tovi_ring_create_rts. The value 4 alone is
  * taken as 3 (both single); other bits are stored and ignored. */
-#define TOVI_RING_F_SP_ENQ 0x1u /* one producer thread at a time */
-#define TOVI_RING_F_SC_DEQ 0x2u /* one consumer thread at a time */
+#define TOVI_RING_F_SP_ENQ 0x1u /**< one producer thread at a time */
+#define TOVI_RING_F_SC_DEQ 0x2u /**< one consumer thread at a time */
 
-/* Set in a burst enqueue's result when the ring is above its watermark. */
+/** Set in a burst enqueue's result when the ring is above its watermark. */
 #define TOVI_RING_QUOT_EXCEED 0x80000000u
 
 #define TOVI_RING_ENOBUFS (-105)
@@ -57,14 +58,14 @@ TOVI_EXTERN_C_BEGIN
  * the slots, one 64-bit word each. Indexes run free in 32 bits; a slot is
  * index AND mask. The static assertions below pin every offset. */
 
-/* Head and tail of a relaxed-tail side: position in the low half, count of
+/** Head and tail of a relaxed-tail side: position in the low half, count of
  * reservations (head) or finished ones (tail) in the high half. */
 typedef struct tovi_ring_rts_s {
     uint64_t head;
     uint64_t tail;
 } tovi_ring_rts_t;
 
-/* Block 0: the creation flags; the relaxed-tail words, each side's on a
+/** Block 0: the creation flags; the relaxed-tail words, each side's on a
  * 64-byte line of its own (untouched by a default ring). */
 struct tovi_ring_general_s {
     uint32_t flags;
@@ -75,7 +76,7 @@ struct tovi_ring_general_s {
     uint8_t pad2_[48];
 };
 
-/* Block 1: the producer side. sp_enqueue is its mode: 1 single, 0 in-order
+/** Block 1: the producer side. sp_enqueue is its mode: 1 single, 0 in-order
  * multi, 0x10 relaxed-tail multi. */
 struct tovi_ring_prod_s {
     uint32_t watermark;
@@ -87,7 +88,7 @@ struct tovi_ring_prod_s {
     uint8_t pad_[104];
 };
 
-/* Block 2: the consumer side. sc_dequeue is its mode: 2 single, 0 in-order
+/** Block 2: the consumer side. sc_dequeue is its mode: 2 single, 0 in-order
  * multi, 0x10 relaxed-tail multi. */
 struct tovi_ring_cons_s {
     uint32_t sc_dequeue;
@@ -98,7 +99,7 @@ struct tovi_ring_cons_s {
     uint8_t pad_[108];
 };
 
-/* Block 3: a copy of the geometry for debuggers and dumps, read by no call;
+/** Block 3: a copy of the geometry for debuggers and dumps, read by no call;
  * it also keeps the first slot off the consumer's line. */
 struct tovi_ring_spare_s {
     uint32_t size;
@@ -107,7 +108,7 @@ struct tovi_ring_spare_s {
     uint8_t pad_[112];
 };
 
-/* A ring: the four blocks, followed in the same allocation by the slots. */
+/** A ring: the four blocks, followed in the same allocation by the slots. */
 typedef struct tovi_ring_s {
     struct tovi_ring_general_s gen;
     struct tovi_ring_prod_s prod;
@@ -134,11 +135,11 @@ TOVI_RING_ASSERT(__builtin_offsetof(struct tovi_ring_cons_s, head) == 12 &&
                  "consumer indexes");
 #undef TOVI_RING_ASSERT
 
-/* A ring of `count` slots; count must be a power of two, non-zero and below
+/** A ring of `count` slots; count must be a power of two, non-zero and below
  * 0x10000000. NULL for a bad count (logged) or no memory. */
 TOVI_API tovi_ring_t *tovi_ring_create(uint32_t count, uint32_t flags);
 
-/* A ring for threads that may lose their processor while they hold a
+/** A ring for threads that may lose their processor while they hold a
  * reservation (more threads than processors, no pinning). Same count rules,
  * message and flags as tovi_ring_create; NULL for a bad count (logged) or no
  * memory. A side flagged single behaves as on any ring. A multi-thread side
@@ -153,49 +154,49 @@ TOVI_API tovi_ring_t *tovi_ring_create(uint32_t count, uint32_t flags);
  * ring with the same results, and tovi_ring_delete frees it. */
 TOVI_API tovi_ring_t *tovi_ring_create_rts(uint32_t count, uint32_t flags);
 
-/* Frees *ring when neither ring nor *ring is NULL, and sets *ring to NULL. */
+/** Frees *ring when neither ring nor *ring is NULL, and sets *ring to NULL. */
 TOVI_API void tovi_ring_delete(tovi_ring_t **ring);
 
 /* Snapshots from the two tails, read without barriers. Each returns
  * 0xFFFFFFFF (logged) for a NULL ring. */
 
-/* 1 when no object fits, else 0. */
+/** 1 when no object fits, else 0. */
 TOVI_API uint32_t tovi_ring_full(const tovi_ring_t *ring);
-/* 1 when no object is stored, else 0. */
+/** 1 when no object is stored, else 0. */
 TOVI_API uint32_t tovi_ring_empty(const tovi_ring_t *ring);
-/* Objects stored. */
+/** Objects stored. */
 TOVI_API uint32_t tovi_ring_count(const tovi_ring_t *ring);
-/* Objects that still fit. */
+/** Objects that still fit. */
 TOVI_API uint32_t tovi_ring_free_count(const tovi_ring_t *ring);
-/* The slot count, one more than the capacity. */
+/** The slot count, one more than the capacity. */
 TOVI_API uint32_t tovi_ring_size(const tovi_ring_t *ring);
 
-/* Stores one object: 0, -105 (full), -122 (stored, above watermark), -1 for
+/** Stores one object: 0, -105 (full), -122 (stored, above watermark), -1 for
  * a NULL ring (logged). */
 TOVI_API int32_t tovi_ring_enqueue(tovi_ring_t *ring, uint64_t obj);
 
-/* Takes the oldest object into *obj: 0, -2 (empty), -1 for a NULL ring or
+/** Takes the oldest object into *obj: 0, -2 (empty), -1 for a NULL ring or
  * a NULL obj (logged as a NULL ring; nothing is taken). */
 TOVI_API int32_t tovi_ring_dequeue(tovi_ring_t *ring, uint64_t *obj);
 
 /* The bulk and burst calls are the hot path and test nothing: a NULL ring,
  * or a NULL objs with n > 0, is the caller's fault and crashes. */
 
-/* Stores all n objects or none: 0, -105 (none stored), -122 (all stored,
+/** Stores all n objects or none: 0, -105 (none stored), -122 (all stored,
  * above watermark). */
 TOVI_API int32_t tovi_ring_enqueue_bulk(tovi_ring_t *ring, const uint64_t *objs, uint32_t n);
 
-/* Takes exactly n objects or none: 0 or -2 (none taken). */
+/** Takes exactly n objects or none: 0 or -2 (none taken). */
 TOVI_API int32_t tovi_ring_dequeue_bulk(tovi_ring_t *ring, uint64_t *objs, uint32_t n);
 
-/* Stores as many of the n objects as fit: the count stored (possibly 0),
+/** Stores as many of the n objects as fit: the count stored (possibly 0),
  * with TOVI_RING_QUOT_EXCEED set when above the watermark. */
 TOVI_API uint32_t tovi_ring_enqueue_burst(tovi_ring_t *ring, const uint64_t *objs, uint32_t n);
 
-/* Takes up to n objects: the count taken, possibly 0. */
+/** Takes up to n objects: the count taken, possibly 0. */
 TOVI_API uint32_t tovi_ring_dequeue_burst(tovi_ring_t *ring, uint64_t *objs, uint32_t n);
 
-/* Waits until *tail equals `expected`: the in-order wait of the inline
+/** Waits until *tail equals `expected`: the in-order wait of the inline
  * multi-thread calls for the threads of their side ahead of them, spinning
  * and yielding the processor every 0x8000000 tests. The acquire load that
  * ends it pairs with the releasing tail store of the thread ahead. */
@@ -220,7 +221,7 @@ TOVI_API void tovi_ring_wait_turn(const uint32_t *tail, uint32_t expected);
  *   W0 -> W1  in-order: the tail stored by the thread ahead (its T0) and our
  *             wait for it (acquire). */
 
-/* Slots reserved by tovi_ring_inl_claim_: [head, head + n). */
+/** Slots reserved by tovi_ring_inl_claim_: [head, head + n). */
 typedef struct tovi_ring_claim_s {
     uint32_t head;
     uint32_t n;
@@ -229,18 +230,18 @@ typedef struct tovi_ring_claim_s {
 
 #define TOVI_RING_INL_ static inline __attribute__((always_inline))
 
-/* Reserves up to `want` slots (all or none when `fixed`); 0 when nothing is
+/** Reserves up to `want` slots (all or none when `fixed`); 0 when nothing is
  * reserved (a want of 0 reserves nothing and is not refused). `base` added
  * to other_tail - head counts what the side may take. */
 TOVI_RING_INL_ int tovi_ring_inl_claim_(uint32_t *headp, const uint32_t *other_tail, uint32_t base, int multi,
                                         int fixed, uint32_t want, tovi_ring_claim_t *c)
 {
-    /* H0 (pairs with H1) for a multi-thread side; one thread reads its own. */
+    /** H0 (pairs with H1) for a multi-thread side; one thread reads its own. */
     uint32_t head = __atomic_load_n(headp, multi ? __ATOMIC_ACQUIRE : __ATOMIC_RELAXED);
     uint32_t avail;
     uint32_t n;
     for (;;) {
-        avail = base + __atomic_load_n(other_tail, __ATOMIC_ACQUIRE) - head; /* T1 (pairs with T0) */
+        avail = base + __atomic_load_n(other_tail, __ATOMIC_ACQUIRE) - head; /**< T1 (pairs with T0) */
         n = want;
         if (avail < n) {
             if (fixed || avail == 0)
@@ -251,7 +252,7 @@ TOVI_RING_INL_ int tovi_ring_inl_claim_(uint32_t *headp, const uint32_t *other_t
             __atomic_store_n(headp, head + n, __ATOMIC_RELAXED);
             break;
         }
-        /* H1 on success; on failure the head is read again as H0. */
+        /** H1 on success; on failure the head is read again as H0. */
         if (__atomic_compare_exchange_n(headp, &head, head + n, 0, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
             break;
     }
@@ -261,7 +262,7 @@ TOVI_RING_INL_ int tovi_ring_inl_claim_(uint32_t *headp, const uint32_t *other_t
     return 1;
 }
 
-/* Copies n words, four at a time, then two and one (no loop the compiler
+/** Copies n words, four at a time, then two and one (no loop the compiler
  * could turn into a library call). */
 TOVI_RING_INL_ void tovi_ring_inl_copy_(uint64_t *dst, const uint64_t *src, uint32_t n)
 {
@@ -281,7 +282,7 @@ TOVI_RING_INL_ void tovi_ring_inl_copy_(uint64_t *dst, const uint64_t *src, uint
         dst[i] = src[i];
 }
 
-/* Moves n objects between `objs` and the slots from index `head` on,
+/** Moves n objects between `objs` and the slots from index `head` on,
  * wrapping from the last slot to the first. */
 TOVI_RING_INL_ void tovi_ring_inl_move_(tovi_ring_t *r, uint32_t mask, uint32_t head, uint64_t *objs,
                                         uint32_t n, int in)
@@ -290,7 +291,7 @@ TOVI_RING_INL_ void tovi_ring_inl_move_(tovi_ring_t *r, uint32_t mask, uint32_t 
     const uint32_t idx = head & mask;
     const uint32_t room = mask + 1 - idx;
     const uint32_t run = n <= room ? n : room;
-    if (n == 1) { /* the single-object calls: no run, no wrap */
+    if (n == 1) { /**< the single-object calls: no run, no wrap */
         if (in)
             slots[idx] = objs[0];
         else
@@ -298,7 +299,7 @@ TOVI_RING_INL_ void tovi_ring_inl_move_(tovi_ring_t *r, uint32_t mask, uint32_t 
         return;
     }
     if (__builtin_expect(n <= room, 1)) {
-        /* No wrap: one run of n, unrolled where n is a constant. */
+        /** No wrap: one run of n, unrolled where n is a constant. */
         if (in)
             tovi_ring_inl_copy_(slots + idx, objs, n);
         else
@@ -314,7 +315,7 @@ TOVI_RING_INL_ void tovi_ring_inl_move_(tovi_ring_t *r, uint32_t mask, uint32_t 
     }
 }
 
-/* Publishes [head, head + n): in-order sides first wait for the threads
+/** Publishes [head, head + n): in-order sides first wait for the threads
  * ahead (W1), then T0 (pairs with T1; W0 for the thread behind). */
 TOVI_RING_INL_ void tovi_ring_inl_publish_(uint32_t *tail, const tovi_ring_claim_t *c, int multi)
 {
@@ -323,7 +324,7 @@ TOVI_RING_INL_ void tovi_ring_inl_publish_(uint32_t *tail, const tovi_ring_claim
     __atomic_store_n(tail, c->head + c->n, __ATOMIC_RELEASE);
 }
 
-/* Enqueue core: the count stored, TOVI_RING_QUOT_EXCEED set when the ring is
+/** Enqueue core: the count stored, TOVI_RING_QUOT_EXCEED set when the ring is
  * then above its watermark; 0 when nothing was reserved. */
 TOVI_RING_INL_ uint32_t tovi_ring_inl_enqueue_(tovi_ring_t *r, const uint64_t *objs, uint32_t n, int multi,
                                                int fixed)
@@ -333,7 +334,7 @@ TOVI_RING_INL_ uint32_t tovi_ring_inl_enqueue_(tovi_ring_t *r, const uint64_t *o
     uint32_t result;
     if (!tovi_ring_inl_claim_(&r->prod.head, &r->cons.tail, mask, multi, fixed, n, &c))
         return 0;
-    /* They are stored either way; n <= mask < 2^28 leaves bit 31 free. */
+    /** They are stored either way; n <= mask < 2^28 leaves bit 31 free. */
     result = c.n;
     if (__builtin_expect((mask + 1) - c.avail + c.n > r->prod.watermark, 0))
         result |= TOVI_RING_QUOT_EXCEED;
@@ -342,7 +343,7 @@ TOVI_RING_INL_ uint32_t tovi_ring_inl_enqueue_(tovi_ring_t *r, const uint64_t *o
     return result;
 }
 
-/* Dequeue core: the count taken, 0 when nothing was reserved. */
+/** Dequeue core: the count taken, 0 when nothing was reserved. */
 TOVI_RING_INL_ uint32_t tovi_ring_inl_dequeue_(tovi_ring_t *r, uint64_t *objs, uint32_t n, int multi, int fixed)
 {
     tovi_ring_claim_t c;
@@ -353,7 +354,7 @@ TOVI_RING_INL_ uint32_t tovi_ring_inl_dequeue_(tovi_ring_t *r, uint64_t *objs, u
     return c.n;
 }
 
-/* Result of an all-or-none enqueue of n objects from the core's result. */
+/** Result of an all-or-none enqueue of n objects from the core's result. */
 TOVI_RING_INL_ int32_t tovi_ring_inl_fixed_result_(uint32_t result, uint32_t n)
 {
     if (result == 0 && n != 0)
@@ -361,7 +362,7 @@ TOVI_RING_INL_ int32_t tovi_ring_inl_fixed_result_(uint32_t result, uint32_t n)
     return (result & TOVI_RING_QUOT_EXCEED) != 0 ? TOVI_RING_EDQUOT : 0;
 }
 
-/* The calls behind the macros; the mode tests fold into the caller. */
+/** The calls behind the macros; the mode tests fold into the caller. */
 TOVI_RING_INL_ int32_t tovi_ring_inl_enqueue_bulk(tovi_ring_t *r, const uint64_t *objs, uint32_t n)
 {
     const uint32_t mode = r->prod.sp_enqueue;

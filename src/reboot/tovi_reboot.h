@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * printk and panic, and the requests that reset or reboot the platform. The
  * requests go to the kernel side through the private system call; a host
  * without the platform kernel refuses them (nothing is ever rebooted there)

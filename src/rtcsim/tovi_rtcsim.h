@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Clock-module simulator: a stand-in for the platform's hardware clock
  * (RTC), so that the time functions can run on hosts without one.
  *

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Shared memory: thin wrappers over System V segments and POSIX shared
  * memory objects. The POSIX form reserves the object's pages when it is
  * mapped (fallocate), so a full /dev/shm is reported at once instead of as

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Plain sockets and bonding queries, beside the network administration of
  * tovi_socket.h.
  *

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Private system calls: numbered operations grouped by module. One side
  * registers a group of handlers, the other invokes a command with an input
  * and an output buffer.
@@ -49,20 +50,20 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_SYSCALL_GROUPS 32u        /* group ids 0 to 31 */
-#define TOVI_SYSCALL_GROUP_MAX 255u    /* entries per group at most */
-#define TOVI_SYSCALL_DIRECT 0u         /* handler types, called alike */
+#define TOVI_SYSCALL_GROUPS 32u        /**< group ids 0 to 31 */
+#define TOVI_SYSCALL_GROUP_MAX 255u    /**< entries per group at most */
+#define TOVI_SYSCALL_DIRECT 0u         /**< handler types, called alike */
 #define TOVI_SYSCALL_INDIRECT 1u
-#define TOVI_SYSCALL_PORT 5583u        /* loopback port of the server */
-#define TOVI_SYSCALL_BUF_LEN 510u      /* the server's input and output buffers */
-#define TOVI_SYSCALL_REPLY_MAX 0x100000u /* a longer reply ends the connection */
-#define TOVI_SYSCALL_MAX_CONNECTIONS 64u /* default bound of served connections */
+#define TOVI_SYSCALL_PORT 5583u        /**< loopback port of the server */
+#define TOVI_SYSCALL_BUF_LEN 510u      /**< the server's input and output buffers */
+#define TOVI_SYSCALL_REPLY_MAX 0x100000u /**< a longer reply ends the connection */
+#define TOVI_SYSCALL_MAX_CONNECTIONS 64u /**< default bound of served connections */
 
 /** What a handler receives: its input, and the output buffer it fills. */
 typedef struct tovi_syscall_call_s {
-    uint32_t uiInLen;     /* bytes at pucInBuf */
-    uint32_t uiOutBufLen; /* capacity of pucOutBuf */
-    uint32_t uiOutLen;    /* bytes the handler wrote; 0 on entry */
+    uint32_t uiInLen;     /**< bytes at pucInBuf */
+    uint32_t uiOutBufLen; /**< capacity of pucOutBuf */
+    uint32_t uiOutLen;    /**< bytes the handler wrote; 0 on entry */
     const uint8_t *pucInBuf;
     uint8_t *pucOutBuf;
 } tovi_syscall_call_s;
@@ -72,8 +73,8 @@ typedef int32_t (*tovi_syscall_fn)(uint32_t cmd, tovi_syscall_call_s *call);
 
 /** One command of a group, as registered. */
 typedef struct tovi_syscall_entry_s {
-    uint32_t uiCmd;  /* (group << 8) | operation */
-    uint32_t uiType; /* TOVI_SYSCALL_DIRECT or TOVI_SYSCALL_INDIRECT */
+    uint32_t uiCmd;  /**< (group << 8) | operation */
+    uint32_t uiType; /**< TOVI_SYSCALL_DIRECT or TOVI_SYSCALL_INDIRECT */
     tovi_syscall_fn pfnSysCall;
 } tovi_syscall_entry_s;
 

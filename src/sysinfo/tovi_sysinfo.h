@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * System information: machine-wide CPU usage, CPU counts, memory usage and
  * the CPU topology.
  *

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Calendar, time zones and daylight saving time (DST).
  *
  * Calendar arithmetic on seconds since 1970 needs no zone data. The kernel

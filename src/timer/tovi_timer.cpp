@@ -116,6 +116,29 @@ int delete_checked(tovi_timer *timer, bool sync)
 
 }  // namespace
 
+namespace tovi::timer {
+
+TimerRoot &process_root()
+{
+    return g_root;
+}
+
+int start_without_thread()
+{
+    pthread_mutex_lock(&g_init_mutex);
+    int ret = 0;
+    if (!inited()) {
+        root_reset(g_root, now_ms());
+        ret = init_timer_root(g_root);
+        if (ret == 0)
+            __atomic_store_n(&timerNotInited, 0, __ATOMIC_RELEASE);  // pairs with inited()
+    }
+    pthread_mutex_unlock(&g_init_mutex);
+    return ret;
+}
+
+}  // namespace tovi::timer
+
 extern "C" {
 
 int tovi_timer_module_init(void)

@@ -111,4 +111,10 @@ void mark_timer_thread();
 // Copies the timers waiting in the slots (see tovi_timer_list_pending).
 int64_t list_pending(TimerRoot &root, tovi_timer_info_s *out, uint32_t max);
 
+// The process's root, and its start-up without the timer thread, for a
+// driver that runs due timers itself with run_timers (the test kit, on a
+// test's own thread). 0, or -1 as tovi_timer_module_init.
+TimerRoot &process_root();
+int start_without_thread();
+
 }  // namespace tovi::timer

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Console output switching: send the process's standard output and
  * standard error to a console or terminal device and back.
  *

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Virtual-machine and container detection: is the process on bare metal,
  * in a virtual machine (and whose), or in a container (and which)?
  *

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * XML documents through Mini-XML: load a whole document from a descriptor
  * or a file, find elements, read attributes and text, walk child elements,
  * and release the tree with one call.

@@ -22,3 +22,6 @@ cmake --build "$tmp/app" >/dev/null
 out2=$("$tmp/app/consumer" 2>/dev/null)
 [ "$out2" = "$out" ] || { echo "find_package build printed '$out2'"; exit 1; }
 echo "installed library works through pkg-config and find_package: $out"
+
+# The examples against the same installed tree.
+"$src/../../examples/check.sh" "$tmp/prefix"

@@ -1,0 +1,20 @@
+# <tovi/tovi.h>: one include for every public header. Generated from the same
+# glob that installs the headers, so a module's new header is in it after the
+# next configure without anyone editing a list.
+set(_umbrella "/**\n * @file tovi.h\n * @brief Every public header of libtovi in one include.\n *\n")
+string(APPEND _umbrella " * Generated when the library is configured; do not edit.\n */\n")
+string(APPEND _umbrella "#ifndef TOVI_TOVI_H\n#define TOVI_TOVI_H\n\n")
+set(_names "")
+foreach(h ${TOVI_PUBLIC_HEADERS})
+  get_filename_component(_name ${h} NAME)
+  list(APPEND _names ${_name})
+endforeach()
+list(SORT _names)
+foreach(_name ${_names})
+  string(APPEND _umbrella "#include \"${_name}\"\n")
+endforeach()
+string(APPEND _umbrella "\n#endif\n")
+set(TOVI_UMBRELLA_DIR ${PROJECT_BINARY_DIR}/umbrella)
+file(CONFIGURE OUTPUT ${TOVI_UMBRELLA_DIR}/tovi/tovi.h CONTENT "${_umbrella}")
+target_include_directories(tovi PUBLIC $<BUILD_INTERFACE:${TOVI_UMBRELLA_DIR}>)
+install(FILES ${TOVI_UMBRELLA_DIR}/tovi/tovi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tovi)

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# package.sh: builds the Debian packages (dpkg-buildpackage) from a copy of the
+# source tree in build/deb, unpacks them into a throw-away root and builds and
+# runs the examples against that root with pkg-config and find_package(tovi).
+# The copy keeps the build's paths stable, so ccache serves the next run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+out=$PWD/build/deb
+rm -rf "$out/src" "$out/root" "$out"/*.deb "$out"/*.buildinfo "$out"/*.changes
+mkdir -p "$out/src" "$out/root"
+tar --exclude=./build --exclude=./.deps --exclude=./.git -cf - . | tar -xf - -C "$out/src"
+
+if command -v ccache >/dev/null; then
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$out
+fi
+(cd "$out/src" && DEB_BUILD_OPTIONS="nocheck noddebs parallel=2" DEB_BUILD_PROFILES=nocheck dpkg-buildpackage -us -uc -b >"$out/build.log" 2>&1) || {
+    tail -40 "$out/build.log"
+    echo "package: dpkg-buildpackage failed (whole log: $out/build.log)" >&2
+    exit 1
+}
+for deb in "$out"/*.deb; do
+    dpkg-deb -x "$deb" "$out/root"
+done
+echo "package: built $(cd "$out" && echo *.deb)"
+examples/check.sh "$out/root/usr"

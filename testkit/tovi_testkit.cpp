@@ -1,0 +1,213 @@
+// The test kit: a manual processor counter, the timer wheel and the work
+// queue driven from the test's thread, and the logging interface kept in
+// memory. See tovi_testkit.h.
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tovi_list.hpp"
+#include "tovi_schedwork.hpp"
+#include "tovi_testkit.h"
+#include "tovi_time.h"
+#include "tovi_timer.hpp"
+#include "vrlog.h"
+
+namespace {
+
+constexpr uint64_t kNsPerMs = 1000000;
+
+// Relaxed: the clock is moved by the test thread only; library threads the
+// test may still start read it without ordering anything else by it.
+std::atomic<uint64_t> g_now_ns{0};
+
+std::mutex g_log_mutex;
+std::vector<std::string> g_log;
+
+void keep(std::string line)
+{
+    std::lock_guard<std::mutex> guard(g_log_mutex);
+    g_log.push_back(std::move(line));
+}
+
+std::string format(const char *fmt, va_list ap)
+{
+    va_list copy;
+    va_copy(copy, ap);
+    const int n = std::vsnprintf(nullptr, 0, fmt, copy);
+    va_end(copy);
+    std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    if (n > 0)
+        std::vsnprintf(text.data(), text.size() + 1, fmt, ap);
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+namespace tovi::arch {
+
+uint64_t testkit_counter_read()
+{
+    return g_now_ns.load(std::memory_order_relaxed);
+}
+
+uint64_t testkit_counter_frequency()
+{
+    return 1000000000ULL;  // one tick a nanosecond
+}
+
+}  // namespace tovi::arch
+
+extern "C" {
+
+int tovi_testkit_start(void)
+{
+    tovi_testkit_log_clear();
+    setenv("TOVI_COMPANION", "user", 0);
+    tovi::schedwork::SchedWorkRoot &work = tovi::schedwork::root();
+    pthread_mutex_lock(&work.initMutex);
+    if (__atomic_load_n(&work.inited, __ATOMIC_ACQUIRE) == 0) {
+        tovi::schedwork::root_setup(work);
+        // "Started" with no worker: tovi_sched_add_work queues and the kit drains.
+        __atomic_store_n(&work.started, 1u, __ATOMIC_RELEASE);
+        __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
+    }
+    pthread_mutex_unlock(&work.initMutex);
+    return tovi::timer::start_without_thread();
+}
+
+uint64_t tovi_testkit_now_ns(void)
+{
+    return g_now_ns.load(std::memory_order_relaxed);
+}
+
+uint32_t tovi_testkit_run_work(void)
+{
+    tovi::schedwork::SchedWorkRoot &r = tovi::schedwork::root();
+    uint32_t ran = 0;
+    for (;;) {
+        tovi_spinlock_lock(&r.queueLock.lock);
+        tovi_list_head_s *head = &r.queue.head;
+        if (tovi::list::empty(head)) {
+            tovi_spinlock_unlock(&r.queueLock.lock);
+            return ran;
+        }
+        tovi_list_head_s *first = head->next;
+        tovi::list::del(first);  // poisoned: idle again, as a worker leaves it
+        tovi_spinlock_unlock(&r.queueLock.lock);
+        auto *work = tovi::list::entry<tovi_sched_work>(first, offsetof(tovi_sched_work, entry));
+        if (work->process != nullptr)
+            work->process(work);
+        ++ran;
+    }
+}
+
+uint32_t tovi_testkit_advance_ms(uint64_t ms)
+{
+    uint32_t ran = 0;
+    for (uint64_t i = 0; i < ms; ++i) {
+        const uint64_t now = g_now_ns.fetch_add(kNsPerMs, std::memory_order_relaxed) + kNsPerMs;
+        tovi::timer::run_timers(tovi::timer::process_root(), now / kNsPerMs);
+        ran += tovi_testkit_run_work();
+    }
+    return ran;
+}
+
+uint32_t tovi_testkit_log_count(void)
+{
+    std::lock_guard<std::mutex> guard(g_log_mutex);
+    return static_cast<uint32_t>(g_log.size());
+}
+
+const char *tovi_testkit_log_line(uint32_t index)
+{
+    std::lock_guard<std::mutex> guard(g_log_mutex);
+    return index < g_log.size() ? g_log[index].c_str() : nullptr;
+}
+
+int32_t tovi_testkit_log_find(const char *text)
+{
+    std::lock_guard<std::mutex> guard(g_log_mutex);
+    for (size_t i = 0; i < g_log.size(); ++i)
+        if (g_log[i].find(text) != std::string::npos)
+            return static_cast<int32_t>(i);
+    return -1;
+}
+
+void tovi_testkit_log_clear(void)
+{
+    std::lock_guard<std::mutex> guard(g_log_mutex);
+    g_log.clear();
+}
+
+// The logging interface the library calls, kept in memory.
+
+int vrlog_init(unsigned int, const char *)
+{
+    return 0;
+}
+
+int vrlog_destroy(void)
+{
+    return 0;
+}
+
+int vrlog_loglevel_set(unsigned int, unsigned int)
+{
+    return 0;
+}
+
+int vrlog_loglevel_get(unsigned int)
+{
+    return 7;
+}
+
+int vrlog_get_group_id(const char *)
+{
+    return 0;
+}
+
+int vrlog_ratelimit_set(int, unsigned int, unsigned int)
+{
+    return 0;
+}
+
+int vrlog_level_check(unsigned int, unsigned int)
+{
+    return 0;
+}
+
+int vrlog(unsigned int, unsigned int level, const char *file, unsigned int, const char *func, unsigned int,
+          const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    std::string text = format(fmt, ap);
+    va_end(ap);
+    keep(std::to_string(level) + " " + file + ":" + func + ": " + text);
+    return static_cast<int>(text.size()) + 1;
+}
+
+int vrlog_vraw(const char *fmt, va_list ap)
+{
+    std::string text = format(fmt, ap);
+    keep("raw: " + text);
+    return static_cast<int>(text.size()) + 1;
+}
+
+int vrlog_original(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const int n = vrlog_vraw(fmt, ap);
+    va_end(ap);
+    return n;
+}
+
+}  // extern "C"

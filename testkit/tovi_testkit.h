@@ -1,0 +1,70 @@
+/**
+ * @file
+ * libtovi-testkit: the library for an application's unit tests, without
+ * root, threads or the platform.
+ *
+ * Link a test program with libtovi-testkit instead of libtovi and libvrlog
+ * (`pkg-config --libs libtovi-testkit`, or `tovi::testkit` in CMake). It
+ * holds the same library code with three parts swapped at their seams:
+ *
+ *  - the clock: the processor counter behind tovi_time_getnanosec,
+ *    tovi_time_getmillisec and tovi_get_jiffies is a value the test sets;
+ *    it starts at 0 and moves only by tovi_testkit_advance_ms;
+ *  - the timer thread and the scheduled-work threads are never started:
+ *    tovi_testkit_advance_ms runs the due timers and the queued work on the
+ *    calling thread, in a fixed order;
+ *  - the logging library: every line the library logs is kept for the test
+ *    to read (all levels are on), and nothing is printed.
+ *
+ * Call tovi_testkit_start first; tovi_Init may follow (it then starts no
+ * timer or work thread). The kernel companion is the in-process stand-in
+ * (TOVI_COMPANION=user is set when the variable is unset). Functions of the
+ * kit are meant for one test thread.
+ */
+#ifndef TOVI_TESTKIT_H
+#define TOVI_TESTKIT_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Sets the clock to 0, builds the timer lists and the work queue without
+ * their threads and empties the captured log. 0, or -1 when the timer lists
+ * cannot be built. A second call only empties the log. */
+int tovi_testkit_start(void);
+
+/** The test clock in nanoseconds (what tovi_time_getnanosec returns). */
+uint64_t tovi_testkit_now_ns(void);
+
+/** Moves the clock forward by `ms` milliseconds, one millisecond at a time.
+ * At each millisecond it fires every timer due then (the clock reads that
+ * millisecond while their callbacks run, so a timer re-armed from its
+ * callback fires again within the same advance) and then runs the queued
+ * work, oldest first, including work queued by that work. Returns the
+ * number of work items run. */
+uint32_t tovi_testkit_advance_ms(uint64_t ms);
+
+/** Runs the queued work now, without moving the clock: the number run. */
+uint32_t tovi_testkit_run_work(void);
+
+/** Number of log lines captured since the start (or the last clear). */
+uint32_t tovi_testkit_log_count(void);
+
+/** The captured line `index` as "LEVEL source:function: text" (LEVEL 3
+ * error, 4 warning, 6 information, 7 debug; raw lines as "raw: text"), or
+ * NULL past the end. Valid until the next clear. */
+const char *tovi_testkit_log_line(uint32_t index);
+
+/** Index of the first captured line containing `text`, or -1. */
+int32_t tovi_testkit_log_find(const char *text);
+
+/** Forgets the captured lines. */
+void tovi_testkit_log_clear(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
