@@ -21,8 +21,8 @@ TOVI_EXTERN_C_BEGIN
 
 /** A named affinity level and its CPU set (1024 bits, bit n for CPU n). */
 typedef struct tovi_affinity_level_s {
-    char affinityLevelName[TOVI_AFFINITY_NAME_LEN];
-    uint64_t cpuSet[16];
+    char affinityLevelName[TOVI_AFFINITY_NAME_LEN]; /**< level name, NUL-terminated */
+    uint64_t cpuSet[16];                            /**< CPU set, bit n for CPU n */
 } tovi_affinity_level_s;
 
 /** The level "affinity_level_1" (empty name until tovi_affinity_init read it). */

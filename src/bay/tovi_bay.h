@@ -5,11 +5,13 @@
  *
  * The file (default TOVI_BAY_CONFIG_PATH; every reader takes another path):
  *
+ * @verbatim
  *   <?xml version="1.0" encoding="UTF-8"?>
  *   <bays version="1">
  *     <bay slot="0" type="sas" location="front, row 1, column 1"/>
  *     <bay slot="1" type="nvme" location="front, row 1, column 2" enabled="no"/>
  *   </bays>
+ * @endverbatim
  *
  * One root element "bays" with version "1"; inside it only "bay" elements
  * (text and comments between them are ignored). A bay has exactly these
@@ -49,10 +51,10 @@ typedef enum tovi_bay_type_e {
 
 /** One bay as the file describes it. */
 typedef struct tovi_bay_s {
-    uint32_t slot;
+    uint32_t slot;    /**< slot number, 0 ... TOVI_BAY_SLOT_MAX */
     uint32_t type;    /**< a tovi_bay_type_e */
     uint32_t enabled; /**< 1 or 0 */
-    char location[TOVI_BAY_LOCATION_LEN];
+    char location[TOVI_BAY_LOCATION_LEN]; /**< NUL-terminated, empty when not given */
 } tovi_bay_s;
 
 /** Reads the bays of `path` (NULL: TOVI_BAY_CONFIG_PATH) in file order into

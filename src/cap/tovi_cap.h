@@ -31,9 +31,9 @@ TOVI_EXTERN_C_BEGIN
 
 /** The calling thread's capability sets, bit n for capability n. */
 typedef struct tovi_cap_set_s {
-    uint64_t effective;
-    uint64_t permitted;
-    uint64_t inheritable;
+    uint64_t effective;   /**< capabilities in force */
+    uint64_t permitted;   /**< capabilities the thread may make effective */
+    uint64_t inheritable; /**< capabilities kept across an execve */
 } tovi_cap_set_s;
 
 /** Reads the calling thread's sets into `*set`: 0 or a negated errno. */

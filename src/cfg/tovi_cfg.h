@@ -252,28 +252,28 @@ TOVI_API int32_t tovi_cfg_create_tmpfile(const char *pFile, int32_t iFd, char **
  * exist), names of letters, digits and '_' only; reload has nothing to
  * reread there and succeeds. */
 #define TOVI_CST_FILE "/ZSR/conf/tovi_cst.ini"
-#define TOVI_CST_FILE_ENV "TOVI_CST_FILE"
+#define TOVI_CST_FILE_ENV "TOVI_CST_FILE" /**< environment variable naming another file */
 #define TOVI_CST_SECTION_LEN 35u  /**< section field, NUL included */
 #define TOVI_CST_ITEM_LEN 33u     /**< item name field, NUL included */
 #define TOVI_CST_VALUE_LEN 257u   /**< item value field, NUL included */
 
 /** The request record of a get or a set (325 bytes, no padding). */
 typedef struct CstItemRequest {
-    char acSection[TOVI_CST_SECTION_LEN];
-    char acItemName[TOVI_CST_ITEM_LEN];
+    char acSection[TOVI_CST_SECTION_LEN]; /**< section name, NUL-terminated */
+    char acItemName[TOVI_CST_ITEM_LEN];   /**< item name, NUL-terminated */
     char acItemValue[TOVI_CST_VALUE_LEN]; /**< used by a set only */
 } CstItemRequest;
 
 /** The reply record of a get (290 bytes). */
 typedef struct CstItemReply {
-    char acItemName[TOVI_CST_ITEM_LEN];
-    char acItemValue[TOVI_CST_VALUE_LEN];
+    char acItemName[TOVI_CST_ITEM_LEN];   /**< item name, NUL-terminated */
+    char acItemValue[TOVI_CST_VALUE_LEN]; /**< its value, NUL-terminated */
 } CstItemReply;
 
 /** The ioctl argument: lengths 325/290 for a get, 325/0 for a set. */
 typedef struct CstMsgHeader {
-    uint32_t uiInLen;
-    uint32_t uiOutLen;
+    uint32_t uiInLen;     /**< bytes at pIn */
+    uint32_t uiOutLen;    /**< bytes at pOut */
     uint64_t ullReserved; /**< 0 */
     void *pIn;            /**< CstItemRequest */
     void *pOut;           /**< CstItemReply, NULL for a set */

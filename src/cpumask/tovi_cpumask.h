@@ -34,8 +34,8 @@ TOVI_EXTERN_C_BEGIN
 #define TOVI_CPUSET_BITS 1024u   /**< CPUs a CPU set names */
 #define TOVI_CPUM_NAME_LEN 32u   /**< group and partition names, NUL included */
 #define TOVI_CPUM_BIND_LEN 256u  /**< a partition's CPU binding, NUL included */
-#define TOVI_CPUM_PARTITION_FILE "/ZSR/conf/app_data/qlrt/product.ini"
-#define TOVI_NUMAM_FILE "/opt/kestrelbox/KwantaNumaConfiguration.ini"
+#define TOVI_CPUM_PARTITION_FILE "/ZSR/conf/app_data/qlrt/product.ini" /**< default partition file */
+#define TOVI_NUMAM_FILE "/opt/kestrelbox/KwantaNumaConfiguration.ini" /**< default NUMA file */
 
 /** The CPUs the kernel may ever bring up ("/sys/devices/system/cpu/possible"),
  * a mask of TOVI_CPUMASK_WORDS words filled by cpumask_init. */

@@ -13,7 +13,7 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_HUGE_PAGE_DIR "/sys/kernel/mm/hugepages"
+#define TOVI_HUGE_PAGE_DIR "/sys/kernel/mm/hugepages" /**< where the size directories are */
 
 /** One huge-page size and its pool's counters, as the kernel reports them. */
 typedef struct tovi_huge_page_info_s {

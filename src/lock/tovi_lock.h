@@ -29,7 +29,7 @@ TOVI_EXTERN_C_BEGIN
 
 #define TOVI_SPINLOCK_MAGIC 0xDEAD4EADu     /**< lock prefix of modules' records */
 #define TOVI_TSPINLOCK_MAGIC 0xDEAD5EADu    /**< initialised ticket spin lock */
-#define TOVI_TSPINLOCK_DESTROYED 0x5EADDEADu
+#define TOVI_TSPINLOCK_DESTROYED 0x5EADDEADu /**< ticket spin lock after destroy */
 #define TOVI_LOCK_NO_OWNER UINT64_MAX       /**< owner of a free lock */
 
 /** Spin-lock debug flag: report every spin period that runs out (100 us)
@@ -45,6 +45,7 @@ typedef struct tovi_spinlock_s {
     uint64_t owner;  /**< kernel thread id of a holder that records itself */
 } tovi_spinlock_s;
 
+/** Static initialiser of a tovi_spinlock_s: free, no owner. */
 #define TOVI_SPINLOCK_INITIALIZER {0u, TOVI_SPINLOCK_MAGIC, 0xFFFFFFFFu, TOVI_LOCK_NO_OWNER}
 
 /** Ticket spin lock. serving and next, read as one little-endian 64-bit word
@@ -65,8 +66,8 @@ typedef struct tovi_tspinlock_s {
  *            bits 32-63 tickets handed out to writers.
  * All counters wrap modulo 2^32. */
 typedef struct tovi_trwlock_s {
-    uint64_t serving;
-    uint64_t tickets;
+    uint64_t serving;   /**< write-serving (low half), read-serving (high half) */
+    uint64_t tickets;   /**< all tickets (low half), writer tickets (high half) */
     uint64_t reserved;  /**< zeroed by init, otherwise unused */
 } tovi_trwlock_s;
 
@@ -79,11 +80,15 @@ TOVI_API uint32_t do_tovi_spinlock_trylock(uint64_t *lock, const char *func, uin
 /** Releases the lock; a word that is not 1 (held) is left as it is. */
 TOVI_API void do_tovi_spinlock_unlock(uint64_t *lock, const char *func, uint32_t line);
 
-/** Debug flags (TOVI_SPINLOCK_DEBUG_LONGWAIT): set bits, clear bits, read.
- * Plain read-modify-write, meant for one debugging switch. Always 0. */
+/** @{ */
+/** Debug flags (TOVI_SPINLOCK_DEBUG_LONGWAIT): set bits, clear bits, read
+ * into *flags. Setting and clearing are single atomic read-modify-writes, so
+ * concurrent calls on different bits do not undo each other. 0; get_flags
+ * returns TOVI_ERR (logged) for a NULL flags. */
 TOVI_API uint32_t tovi_spinlock_set_flags(uint64_t mask);
 TOVI_API uint32_t tovi_spinlock_clear_flags(uint64_t mask);
 TOVI_API uint32_t tovi_spinlock_get_flags(uint64_t *flags);
+/** @} */
 
 /** Logs (unconditionally) the caller's kernel thread id and three return
  * addresses with their symbols, after skipping `skip` frames. */
@@ -128,11 +133,15 @@ TOVI_API void do_tovi_tspinlock_destroy(tovi_tspinlock_s *lock, const char *func
 TOVI_API void do_tovi_trwlock_init(tovi_trwlock_s *lock);
 /** Waits for every writer that took a ticket earlier. */
 TOVI_API void do_tovi_trwlock_read_lock(tovi_trwlock_s *lock);
+/** Leaves a read hold: advances write-serving; a waiting writer enters when
+ * write-serving reaches its ticket. */
 TOVI_API void do_tovi_trwlock_read_unlock(tovi_trwlock_s *lock);
 /** 1 when entered at once, 0 when a writer holds or waits. */
 TOVI_API uint32_t do_tovi_trwlock_read_trylock(tovi_trwlock_s *lock);
 /** Waits for every reader and writer that took a ticket earlier. */
 TOVI_API void do_tovi_trwlock_write_lock(tovi_trwlock_s *lock);
+/** Leaves a write hold: advances write-serving and read-serving, which lets
+ * in the readers queued behind this writer, or else the next writer. */
 TOVI_API void do_tovi_trwlock_write_unlock(tovi_trwlock_s *lock);
 /** 1 when entered at once, 0 when anyone holds or waits. */
 TOVI_API uint32_t do_tovi_trwlock_write_trylock(tovi_trwlock_s *lock);
@@ -155,6 +164,8 @@ static inline __attribute__((always_inline)) void tovi_spinlock_inl_lock(uint64_
     do_tovi_spinlock_lock(lock, func, line);
 }
 
+/** Releases a held word (1) with one releasing store; anything else goes to
+ * do_tovi_spinlock_unlock. */
 static inline __attribute__((always_inline)) void tovi_spinlock_inl_unlock(uint64_t *lock, const char *func,
                                                                           uint32_t line)
 {
@@ -165,16 +176,28 @@ static inline __attribute__((always_inline)) void tovi_spinlock_inl_unlock(uint6
     do_tovi_spinlock_unlock(lock, func, line);
 }
 
+/** @{ */
+/** Spin lock on the word `l` (uint64_t *), with the calling function and
+ * line: lock and unlock through the inline fast paths above, trylock
+ * through do_tovi_spinlock_trylock. */
 #define tovi_spinlock_lock(l) tovi_spinlock_inl_lock((l), __func__, __LINE__)
 #define tovi_spinlock_trylock(l) do_tovi_spinlock_trylock((l), __func__, __LINE__)
 #define tovi_spinlock_unlock(l) tovi_spinlock_inl_unlock((l), __func__, __LINE__)
+/** @} */
 
+/** @{ */
+/** Ticket spin lock calls: the do_tovi_tspinlock_ function of the same name
+ * with the calling function and line, which its reports print. */
 #define tovi_tspinlock_init(l) do_tovi_tspinlock_init((l), __func__, __LINE__)
 #define tovi_tspinlock_lock(l) do_tovi_tspinlock_lock((l), __func__, __LINE__)
 #define tovi_tspinlock_trylock(l) do_tovi_tspinlock_trylock((l), __func__, __LINE__)
 #define tovi_tspinlock_unlock(l) do_tovi_tspinlock_unlock((l), __func__, __LINE__)
 #define tovi_tspinlock_destroy(l) do_tovi_tspinlock_destroy((l), __func__, __LINE__)
+/** @} */
 
+/** @{ */
+/** Ticket reader-writer lock calls: the do_tovi_trwlock_ function of the
+ * same name. */
 #define tovi_trwlock_init(l) do_tovi_trwlock_init(l)
 #define tovi_trwlock_read_lock(l) do_tovi_trwlock_read_lock(l)
 #define tovi_trwlock_read_unlock(l) do_tovi_trwlock_read_unlock(l)
@@ -183,6 +206,7 @@ static inline __attribute__((always_inline)) void tovi_spinlock_inl_unlock(uint6
 #define tovi_trwlock_write_unlock(l) do_tovi_trwlock_write_unlock(l)
 #define tovi_trwlock_write_trylock(l) do_tovi_trwlock_write_trylock(l)
 #define tovi_trwlock_destroy(l) do_tovi_trwlock_destroy(l)
+/** @} */
 
 TOVI_EXTERN_C_END
 

@@ -40,6 +40,7 @@
 
 TOVI_EXTERN_C_BEGIN
 
+/** Bytes of a type name, NUL included. */
 #define TOVI_LWP_NAME_LEN 32
 /** Variables one type may define. */
 #define TOVI_LWP_VAR_MAX 64
@@ -59,8 +60,8 @@ typedef struct tovi_lwp_type_s {
 
 /** One line of the diagnostic listing. */
 typedef struct tovi_lwp_info_s {
-    char type[TOVI_LWP_NAME_LEN];
-    uint32_t ctx;
+    char type[TOVI_LWP_NAME_LEN]; /**< the instance's type name */
+    uint32_t ctx;       /**< its context id */
     uint32_t vars;      /**< variables the instance carries */
     uint64_t bytes;     /**< its data and variables */
     uint64_t sequence;  /**< order of construction, from 1 */

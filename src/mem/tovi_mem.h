@@ -13,8 +13,8 @@
 
 TOVI_EXTERN_C_BEGIN
 
-#define TOVI_MEM_MAGIC 0xF5F5F5F5u
-#define TOVI_MEM_MODULES 1024u
+#define TOVI_MEM_MAGIC 0xF5F5F5F5u /**< magic of a tracked block's header */
+#define TOVI_MEM_MODULES 1024u     /**< module numbers 0 to 1023 */
 
 /** The header before every tracked block. */
 typedef struct tovi_mem_head_s {
@@ -47,10 +47,12 @@ TOVI_API void tovi_freesubproc(void *ptr);
 /** Writes the four header words. */
 TOVI_API void tovi_mem_init_head(tovi_mem_head_s *head, uint32_t size, uint32_t module);
 
+/** @{ */
 /** Adds or subtracts bytes on a module's counter (numbers above 1023 count as
  * module 0). Nothing happens when the usage table is not available. */
 TOVI_API void tovi_mem_stat_add(uint32_t module, uint64_t bytes);
 TOVI_API void tovi_mem_stat_sub(uint32_t module, uint64_t bytes);
+/** @} */
 
 /** Prints the bytes in use of every module that holds any, and the total.
  * The print function's last result; 0 for a NULL print function. */
@@ -93,6 +95,8 @@ TOVI_API int32_t tovi_release_mem(void);
 
 /** Tracked allocation with the caller's function and line filled in. */
 #define TOVI_MALLOC(module, size) tovi_mallocsubstandard((module), (size), 0, __func__, __LINE__)
+/** Release of a tracked block (tovi_freesub) with the caller's function and
+ * line filled in. */
 #define TOVI_FREE(ptr) tovi_freesub((ptr), __func__, __LINE__)
 
 TOVI_EXTERN_C_END

@@ -44,9 +44,9 @@ TOVI_EXTERN_C_BEGIN
 /** Set in a burst enqueue's result when the ring is above its watermark. */
 #define TOVI_RING_QUOT_EXCEED 0x80000000u
 
-#define TOVI_RING_ENOBUFS (-105)
-#define TOVI_RING_EDQUOT (-122)
-#define TOVI_RING_ENOENT (-2)
+#define TOVI_RING_ENOBUFS (-105) /**< no room: nothing stored */
+#define TOVI_RING_EDQUOT (-122)  /**< stored, but the ring is above its watermark */
+#define TOVI_RING_ENOENT (-2)    /**< nothing to take */
 
 /* ---- Layout ----
  *
@@ -61,61 +61,63 @@ TOVI_EXTERN_C_BEGIN
 /** Head and tail of a relaxed-tail side: position in the low half, count of
  * reservations (head) or finished ones (tail) in the high half. */
 typedef struct tovi_ring_rts_s {
-    uint64_t head;
-    uint64_t tail;
+    uint64_t head; /**< reservations: count (high half), position (low half) */
+    uint64_t tail; /**< finished ones: count (high half), position (low half) */
 } tovi_ring_rts_t;
 
 /** Block 0: the creation flags; the relaxed-tail words, each side's on a
  * 64-byte line of its own (untouched by a default ring). */
 struct tovi_ring_general_s {
-    uint32_t flags;
-    uint32_t pad0_;
-    tovi_ring_rts_t rts_prod;
-    uint8_t pad1_[40];
-    tovi_ring_rts_t rts_cons;
-    uint8_t pad2_[48];
+    uint32_t flags;           /**< creation flags (4 alone stored as 3) */
+    uint32_t pad0_;           /**< padding */
+    tovi_ring_rts_t rts_prod; /**< relaxed-tail producer head and tail */
+    uint8_t pad1_[40];        /**< padding to the next 64-byte line */
+    tovi_ring_rts_t rts_cons; /**< relaxed-tail consumer head and tail */
+    uint8_t pad2_[48];        /**< padding to the end of the block */
 };
 
 /** Block 1: the producer side. sp_enqueue is its mode: 1 single, 0 in-order
  * multi, 0x10 relaxed-tail multi. */
 struct tovi_ring_prod_s {
-    uint32_t watermark;
-    uint32_t sp_enqueue;
-    uint32_t size;
-    uint32_t mask;
-    uint32_t head;
-    uint32_t tail;
-    uint8_t pad_[104];
+    uint32_t watermark;  /**< level above which an enqueue reports -122; the size */
+    uint32_t sp_enqueue; /**< producer mode: 1, 0 or 0x10 */
+    uint32_t size;       /**< slot count */
+    uint32_t mask;       /**< size - 1 */
+    uint32_t head;       /**< next slot index to reserve */
+    uint32_t tail;       /**< slots below it are published to consumers */
+    uint8_t pad_[104];   /**< padding to the end of the block */
 };
 
 /** Block 2: the consumer side. sc_dequeue is its mode: 2 single, 0 in-order
  * multi, 0x10 relaxed-tail multi. */
 struct tovi_ring_cons_s {
-    uint32_t sc_dequeue;
-    uint32_t size;
-    uint32_t mask;
-    uint32_t head;
-    uint32_t tail;
-    uint8_t pad_[108];
+    uint32_t sc_dequeue; /**< consumer mode: 2, 0 or 0x10 */
+    uint32_t size;       /**< slot count */
+    uint32_t mask;       /**< size - 1 */
+    uint32_t head;       /**< next slot index to reserve */
+    uint32_t tail;       /**< slots below it are free again for producers */
+    uint8_t pad_[108];   /**< padding to the end of the block */
 };
 
 /** Block 3: a copy of the geometry for debuggers and dumps, read by no call;
  * it also keeps the first slot off the consumer's line. */
 struct tovi_ring_spare_s {
-    uint32_t size;
-    uint32_t mask;
-    uint32_t zero[2];
-    uint8_t pad_[112];
+    uint32_t size;      /**< slot count */
+    uint32_t mask;      /**< size - 1 */
+    uint32_t zero[2];   /**< always 0 */
+    uint8_t pad_[112];  /**< padding to the end of the block */
 };
 
 /** A ring: the four blocks, followed in the same allocation by the slots. */
 typedef struct tovi_ring_s {
-    struct tovi_ring_general_s gen;
-    struct tovi_ring_prod_s prod;
-    struct tovi_ring_cons_s cons;
-    struct tovi_ring_spare_s spare;
+    struct tovi_ring_general_s gen; /**< block 0: flags, relaxed-tail words */
+    struct tovi_ring_prod_s prod;   /**< block 1: producer side */
+    struct tovi_ring_cons_s cons;   /**< block 2: consumer side */
+    struct tovi_ring_spare_s spare; /**< block 3: geometry copy */
 } __attribute__((aligned(128))) tovi_ring_t;
 
+/** @cond INTERNAL */
+/* Compile-time checks of the layout above. */
 #ifdef __cplusplus
 #define TOVI_RING_ASSERT(c, m) static_assert(c, m)
 #else
@@ -134,6 +136,7 @@ TOVI_RING_ASSERT(__builtin_offsetof(struct tovi_ring_cons_s, head) == 12 &&
                      __builtin_offsetof(struct tovi_ring_cons_s, tail) == 16,
                  "consumer indexes");
 #undef TOVI_RING_ASSERT
+/** @endcond */
 
 /** A ring of `count` slots; count must be a power of two, non-zero and below
  * 0x10000000. NULL for a bad count (logged) or no memory. */
@@ -223,11 +226,12 @@ TOVI_API void tovi_ring_wait_turn(const uint32_t *tail, uint32_t expected);
 
 /** Slots reserved by tovi_ring_inl_claim_: [head, head + n). */
 typedef struct tovi_ring_claim_s {
-    uint32_t head;
-    uint32_t n;
-    uint32_t avail;
+    uint32_t head;  /**< first reserved index */
+    uint32_t n;     /**< count reserved */
+    uint32_t avail; /**< what the side could take when the reservation was made */
 } tovi_ring_claim_t;
 
+/** Storage class of the inline calls below; undefined at the end of them. */
 #define TOVI_RING_INL_ static inline __attribute__((always_inline))
 
 /** Reserves up to `want` slots (all or none when `fixed`); 0 when nothing is
@@ -362,7 +366,10 @@ TOVI_RING_INL_ int32_t tovi_ring_inl_fixed_result_(uint32_t result, uint32_t n)
     return (result & TOVI_RING_QUOT_EXCEED) != 0 ? TOVI_RING_EDQUOT : 0;
 }
 
-/** The calls behind the macros; the mode tests fold into the caller. */
+/** @{ */
+/** The calls behind the macros of the same name without `inl_`: the
+ * single-thread and in-order multi-thread sides run here, the mode tests
+ * folding into the caller; the rest go to the exported functions. */
 TOVI_RING_INL_ int32_t tovi_ring_inl_enqueue_bulk(tovi_ring_t *r, const uint64_t *objs, uint32_t n)
 {
     const uint32_t mode = r->prod.sp_enqueue;
@@ -426,16 +433,22 @@ TOVI_RING_INL_ int32_t tovi_ring_inl_dequeue(tovi_ring_t *r, uint64_t *obj)
     }
     return (tovi_ring_dequeue)(r, obj);
 }
+/** @} */
 
 #undef TOVI_RING_INL_
 
 #ifndef TOVI_RING_NO_INLINE
+/** @{ */
+/** The inline forms of the exported calls of the same name, with the same
+ * results. Defining TOVI_RING_NO_INLINE before including this header leaves
+ * them out. */
 #define tovi_ring_enqueue(ring, obj) tovi_ring_inl_enqueue((ring), (obj))
 #define tovi_ring_dequeue(ring, obj) tovi_ring_inl_dequeue((ring), (obj))
 #define tovi_ring_enqueue_bulk(ring, objs, n) tovi_ring_inl_enqueue_bulk((ring), (objs), (n))
 #define tovi_ring_dequeue_bulk(ring, objs, n) tovi_ring_inl_dequeue_bulk((ring), (objs), (n))
 #define tovi_ring_enqueue_burst(ring, objs, n) tovi_ring_inl_enqueue_burst((ring), (objs), (n))
 #define tovi_ring_dequeue_burst(ring, objs, n) tovi_ring_inl_dequeue_burst((ring), (objs), (n))
+/** @} */
 #endif
 
 TOVI_EXTERN_C_END

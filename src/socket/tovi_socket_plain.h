@@ -70,7 +70,7 @@ TOVI_API int tovi_sock_local_port(int fd);
 
 /** A slave of a bonding master. */
 typedef struct tovi_bond_slave_s {
-    char name[TOVI_BOND_IFNAME_LEN];
+    char name[TOVI_BOND_IFNAME_LEN]; /**< interface name */
     uint32_t link_up;       /**< "MII Status: up" */
     uint32_t link_failures; /**< "Link Failure Count" */
 } tovi_bond_slave_s;
@@ -82,7 +82,7 @@ typedef struct tovi_bond_info_s {
     char active[TOVI_BOND_IFNAME_LEN]; /**< the active slave, "" for none */
     uint32_t link_up;                  /**< the master's MII status */
     uint32_t slave_count;              /**< slaves listed (at most TOVI_BOND_SLAVE_MAX) */
-    tovi_bond_slave_s slaves[TOVI_BOND_SLAVE_MAX];
+    tovi_bond_slave_s slaves[TOVI_BOND_SLAVE_MAX]; /**< the first slave_count are set */
 } tovi_bond_info_s;
 
 /** Fills `*info` for bonding master `ifname`: 0, -22, -2 not a bonding master, -5 unreadable. */

@@ -52,8 +52,8 @@ TOVI_EXTERN_C_BEGIN
 
 #define TOVI_SYSCALL_GROUPS 32u        /**< group ids 0 to 31 */
 #define TOVI_SYSCALL_GROUP_MAX 255u    /**< entries per group at most */
-#define TOVI_SYSCALL_DIRECT 0u         /**< handler types, called alike */
-#define TOVI_SYSCALL_INDIRECT 1u
+#define TOVI_SYSCALL_DIRECT 0u         /**< handler type 0; both types are called alike */
+#define TOVI_SYSCALL_INDIRECT 1u       /**< handler type 1; both types are called alike */
 #define TOVI_SYSCALL_PORT 5583u        /**< loopback port of the server */
 #define TOVI_SYSCALL_BUF_LEN 510u      /**< the server's input and output buffers */
 #define TOVI_SYSCALL_REPLY_MAX 0x100000u /**< a longer reply ends the connection */
@@ -64,8 +64,8 @@ typedef struct tovi_syscall_call_s {
     uint32_t uiInLen;     /**< bytes at pucInBuf */
     uint32_t uiOutBufLen; /**< capacity of pucOutBuf */
     uint32_t uiOutLen;    /**< bytes the handler wrote; 0 on entry */
-    const uint8_t *pucInBuf;
-    uint8_t *pucOutBuf;
+    const uint8_t *pucInBuf; /**< the request's input */
+    uint8_t *pucOutBuf;      /**< the buffer for the reply */
 } tovi_syscall_call_s;
 
 /** A handler: the command number and the call record; returns its result. */
@@ -75,7 +75,7 @@ typedef int32_t (*tovi_syscall_fn)(uint32_t cmd, tovi_syscall_call_s *call);
 typedef struct tovi_syscall_entry_s {
     uint32_t uiCmd;  /**< (group << 8) | operation */
     uint32_t uiType; /**< TOVI_SYSCALL_DIRECT or TOVI_SYSCALL_INDIRECT */
-    tovi_syscall_fn pfnSysCall;
+    tovi_syscall_fn pfnSysCall; /**< the handler */
 } tovi_syscall_entry_s;
 
 /** Checks a group's entries: a list, at most 255 of them, each of type 0 or
