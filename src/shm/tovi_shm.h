@@ -14,6 +14,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/ipc.h> /* key_t, also in strict C11 */
 #include <sys/types.h>
 
 #include "tovi_base.h"
