@@ -2,7 +2,7 @@
 # fuzz.sh [SECONDS]: builds the libFuzzer targets (fuzz/fuzz_*.cpp) with
 # clang and runs each for SECONDS (default 60) from its seed corpus
 # fuzz/<module>/corpus; a target whose source has a line "// fuzz-seconds: N"
-# runs at most N seconds. New inputs go to a scratch corpus, so the seeds in
+# runs at most N seconds (0: built, not run). New inputs go to a scratch corpus, so the seeds in
 # the repository stay as they are; a crash leaves its input in
 # build/fuzz/artifacts and fails the script. FUZZ_BUILD_DIR overrides the
 # build directory.
@@ -24,6 +24,11 @@ for src in fuzz/fuzz_*.cpp; do
     seeds=fuzz/$module/corpus
     scratch=$(mktemp -d)
     limit=$(sed -n 's|^// fuzz-seconds: \([0-9][0-9]*\)$|\1|p' "$src")
+    if [ "$limit" = 0 ]; then
+        echo "=== $name: not run (its source says fuzz-seconds: 0)"
+        rm -rf "$scratch"
+        continue
+    fi
     run_for=$seconds
     if [ -n "$limit" ] && [ "$limit" -lt "$seconds" ]; then run_for=$limit; fi
     echo "=== $name: ${run_for}s"
