@@ -1,7 +1,9 @@
 // The intrusive hash table. Buckets are the library's checked list: a bucket
 // head and the first two fields of a node are list nodes.
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <sys/mman.h>
 
 #include "tovi_hash.h"
 #include "tovi_hash.hpp"
@@ -51,6 +53,18 @@ Node *bucket_of(const tovi_hash_table_s *table, uint32_t key32, uint64_t key64)
     // (pow 0, whose hash is the whole product) inside its array.
     uint32_t index = tovi::hash::hash_func(key32, key64, table->pow) & (table->bucketCount - 1);
     return as_list(&table->buckets[index]);
+}
+
+// A lookup's first miss is its bucket head; in a bucket array of several
+// MiB that miss would also walk the page tables, unless the array sits on
+// huge pages. Asked for before the heads are written, so they fault in huge.
+void advise_huge(void *mem, std::size_t size)
+{
+    constexpr std::uintptr_t kHuge = std::uintptr_t{1} << 21;
+    const auto start = (reinterpret_cast<std::uintptr_t>(mem) + kHuge - 1) & ~(kHuge - 1);
+    const auto end = (reinterpret_cast<std::uintptr_t>(mem) + size) & ~(kHuge - 1);
+    if (end > start)
+        madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
 }
 
 tovi_hash_node_s *find_in(Node *head, uint32_t key32, uint64_t key64)
@@ -137,6 +151,8 @@ int32_t tovi_hash_create_ex(uint32_t count, tovi_hash_table_s **table, uint32_t 
         *table = nullptr;
         return kNoMemory;
     }
+    if (attr == nullptr || attr->malloc == nullptr)
+        advise_huge(t->buckets, sizeof(tovi_hash_list_s) * buckets);
     for (uint32_t b = 0; b < buckets; ++b)
         tovi::list::init(as_list(&t->buckets[b]));
     t->bucketCount = buckets;
