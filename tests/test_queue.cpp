@@ -279,21 +279,21 @@ TEST(Queue, RelaxedTailIsPublishedByTheLastThreadOut)
     const Ends e = ends<true>(r);
     auto no_yield = [] { FAIL() << "nothing to wait for"; };
     Claim a{}, b{};
-    ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 1, a, no_yield)));
-    ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 3, b, no_yield)));
-    const uint64_t objs[4] = {10, 20, 21, 22};
-    copy_in(tovi::ring::slots(r), e.mask, a.head, objs, 1);
-    copy_in(tovi::ring::slots(r), e.mask, b.head, objs + 1, 3);
+    ASSERT_TRUE((move_head<true>(e, 1, a, no_yield)));
+    ASSERT_TRUE((move_head<true>(e, 3, b, no_yield)));
+    uint64_t objs[4] = {10, 20, 21, 22};
+    tovi_ring_inl_move_(r, e.mask, a.head, objs, 1, 1);
+    tovi_ring_inl_move_(r, e.mask, b.head, objs + 1, 3, 1);
 
-    publish<Sync::kRelaxed>(e, b, no_yield);  // b finishes first
+    publish(e, b);  // b finishes first
     EXPECT_EQ(tovi_ring_count(r), 0u) << "a's slot is not written as far as anyone knows";
 
     // A third thread finds the head 4 ahead of the tail: it waits for a.
     int yields = 0;
     Claim c{};
-    ASSERT_TRUE((move_head<Sync::kRelaxed, true>(e, 1, c, [&] {
+    ASSERT_TRUE((move_head<true>(e, 1, c, [&] {
         if (++yields == 2)
-            publish<Sync::kRelaxed>(e, a, no_yield);
+            publish(e, a);
     })));
     EXPECT_EQ(yields, 2);
     EXPECT_EQ(r->prod.tail, 2u) << "a and b published across the wrap";

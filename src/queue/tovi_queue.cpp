@@ -1,7 +1,7 @@
 // The lock-free ring: creation and the exported enqueue/dequeue calls, each
 // dispatching once on the side's mode: single and in-order sides run the
 // header's inline core (the one callers inline), relaxed-tail sides the
-// template core of tovi_queue.hpp.
+// core of tovi_queue.hpp.
 
 // The copy loops are a few instructions each; where they straddle a 32-byte
 // boundary (depending on where the functions happen to land) the uncontended
@@ -27,7 +27,6 @@ namespace {
 using tovi::ring::kRelaxedTail;
 using tovi::ring::kSingleConsumer;
 using tovi::ring::kSingleProducer;
-using tovi::ring::Sync;
 
 struct Yield {
     void operator()() const { tovi_yield(); }
@@ -45,39 +44,26 @@ constexpr uint32_t kBothSingleAlias = 4;
     return kNullRing;
 }
 
-// All-or-none results from the cores' results.
-template <Sync kSync>
-[[gnu::always_inline]] inline int32_t enqueue_bulk(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
-{
-    return tovi_ring_inl_fixed_result_(tovi::ring::enqueue<kSync, true>(r, objs, n, Yield{}), n);
-}
-
-template <Sync kSync>
-[[gnu::always_inline]] inline int32_t dequeue_bulk(tovi_ring_s *r, uint64_t *objs, uint32_t n)
-{
-    return tovi::ring::dequeue<kSync, true>(r, objs, n, Yield{}) == n ? 0 : TOVI_RING_ENOENT;
-}
-
 // The relaxed-tail cores, out of line so that the inline cores of the
 // exported calls stay small.
 [[gnu::noinline]] int32_t rts_enqueue_bulk(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
 {
-    return enqueue_bulk<Sync::kRelaxed>(r, objs, n);
+    return tovi_ring_inl_fixed_result_(tovi::ring::enqueue<true>(r, objs, n, Yield{}), n);
 }
 
 [[gnu::noinline]] int32_t rts_dequeue_bulk(tovi_ring_s *r, uint64_t *objs, uint32_t n)
 {
-    return dequeue_bulk<Sync::kRelaxed>(r, objs, n);
+    return tovi::ring::dequeue<true>(r, objs, n, Yield{}) == n ? 0 : TOVI_RING_ENOENT;
 }
 
 [[gnu::noinline]] uint32_t rts_enqueue_burst(tovi_ring_s *r, const uint64_t *objs, uint32_t n)
 {
-    return tovi::ring::enqueue<Sync::kRelaxed, false>(r, objs, n, Yield{});
+    return tovi::ring::enqueue<false>(r, objs, n, Yield{});
 }
 
 [[gnu::noinline]] uint32_t rts_dequeue_burst(tovi_ring_s *r, uint64_t *objs, uint32_t n)
 {
-    return tovi::ring::dequeue<Sync::kRelaxed, false>(r, objs, n, Yield{});
+    return tovi::ring::dequeue<false>(r, objs, n, Yield{});
 }
 
 // The queries read the tails without barriers: a snapshot, possibly stale.

@@ -267,8 +267,9 @@ TOVI_RING_INL_ int tovi_ring_inl_claim_(uint32_t *headp, const uint32_t *other_t
 }
 
 /** Copies n words, four at a time, then two and one (no loop the compiler
- * could turn into a library call). */
-TOVI_RING_INL_ void tovi_ring_inl_copy_(uint64_t *dst, const uint64_t *src, uint32_t n)
+ * could turn into a library call). The caller's array never overlaps the
+ * slots, which lets the compiler move two words at a time. */
+TOVI_RING_INL_ void tovi_ring_inl_copy_(uint64_t *__restrict dst, const uint64_t *__restrict src, uint32_t n)
 {
     uint32_t i = 0;
     for (; i + 4 <= n; i += 4) {

@@ -1,31 +1,26 @@
-// The ring's layout and its enqueue/dequeue core, shared by the exported
-// functions and the tests.
+// The relaxed-tail core of the ring (rings of tovi_ring_create_rts), shared
+// by the exported functions and the tests. Single and in-order sides run the
+// inline core of tovi_queue.h; both cores copy with its tovi_ring_inl_move_.
 //
 // Invariants, all in free-running 32-bit arithmetic (indexes wrap):
 //   cons.tail <= cons.head <= prod.tail <= prod.head <= cons.tail + mask
 // Slots [cons.tail, prod.tail) hold published objects; [prod.tail, prod.head)
 // are being written and [cons.tail, cons.head) being read. A slot is index
 // AND mask. One slot stays empty so that a full ring is told from an empty
-// one by the tails alone. On a relaxed-tail side (below) read head and tail
-// as the positions in its 64-bit words.
+// one by the tails alone. On a relaxed-tail side read head and tail as the
+// positions in its 64-bit words.
 //
 // Both sides run one routine, transfer(): move the head (reserve), copy,
 // publish (move the tail). They differ only in which fields they use: the
 // producer counts free slots as mask + cons.tail - prod.head, the consumer
-// stored objects as prod.tail - cons.head. Each side synchronises its own
-// threads in one of three ways (Sync):
-//   kSingle    one thread: the head is a plain store, the tail follows at once.
-//   kInOrder   threads claim the head by compare-and-swap and publish in claim
-//              order, each waiting for the one ahead (the default rings).
-//   kRelaxed   relaxed tail sync (rings of tovi_ring_create_rts): the head and
-//              tail are 64-bit words in the general block, a position and a
-//              count each; a thread that finishes counts itself into the tail,
-//              and the last one out moves the tail position to the head, so
-//              nobody waits for the thread ahead. The other side reads the
-//              tail word when it is relaxed-tail too; when it is single it
-//              runs the single code, which reads the 32-bit tail, so then the
-//              32-bit tail is kept as a copy that only grows. The 32-bit head
-//              of a relaxed-tail side stays unused.
+// stored objects as prod.tail - cons.head. A relaxed-tail side keeps its head
+// and tail as 64-bit words in the general block, a position and a count each;
+// a thread that finishes counts itself into the tail, and the last one out
+// moves the tail position to the head, so nobody waits for the thread ahead.
+// The other side reads the tail word when it is relaxed-tail too; when it is
+// single it runs the single code, which reads the 32-bit tail, so then the
+// 32-bit tail is kept as a copy that only grows. The 32-bit head of a
+// relaxed-tail side stays unused.
 //
 // Ordering. The labels pair each atomic or fence with its partner:
 //   H1 -> H0   the head a thread claims (release) and the head the next
@@ -34,19 +29,18 @@
 //              so a free or used count cannot wrap to a huge value.
 //   T0 -> T1   a side's tail store (release) and the other side's tail load
 //              (acquire): the slots below the tail are written (producer) or
-//              read and free again (consumer). On a relaxed-tail side T0 is
-//              the R0 that moves the position, and for a single other side
-//              also the raise of the 32-bit copy.
+//              read and free again (consumer). T0 is the R0 that moves the
+//              position, and for a single other side also the raise of the
+//              32-bit copy.
 //   F0         after the reservation, before the slot accesses: orders the
 //              T1 load and our claim before them.
 //   F1         after the slot accesses, before T0: orders them before the
 //              publication.
-//   W0 -> W1   kInOrder: the tail stored by the thread ahead (release) and our
-//              wait for it (acquire), so what it published is ours to publish
-//              again.
-//   R0 <-> R0  kRelaxed: each finisher counts itself into the tail word with
-//              an acquire-release compare-and-swap, so the last one out has
+//   R0 <-> R0  each finisher counts itself into the tail word with an
+//              acquire-release compare-and-swap, so the last one out has
 //              acquired every earlier finisher's slot accesses before its T0.
+//   W0 -> W1   in-order sides (tovi_queue.h): the tail stored by the thread
+//              ahead and wait_turn's load.
 // On x86 F0 and F1 only stop the compiler; on aarch64 they are barriers.
 #pragma once
 
@@ -89,8 +83,6 @@ namespace tovi::ring {
 
 #define TOVI_RING_INLINE [[gnu::always_inline]] inline
 
-enum class Sync { kSingle, kInOrder, kRelaxed };
-
 TOVI_RING_INLINE uint32_t load_relaxed(const uint32_t *p)
 {
     return __atomic_load_n(p, __ATOMIC_RELAXED);
@@ -99,16 +91,6 @@ TOVI_RING_INLINE uint32_t load_relaxed(const uint32_t *p)
 TOVI_RING_INLINE uint32_t load_acquire(const uint32_t *p)
 {
     return __atomic_load_n(p, __ATOMIC_ACQUIRE);
-}
-
-TOVI_RING_INLINE void store_relaxed(uint32_t *p, uint32_t v)
-{
-    __atomic_store_n(p, v, __ATOMIC_RELAXED);
-}
-
-TOVI_RING_INLINE void store_release(uint32_t *p, uint32_t v)
-{
-    __atomic_store_n(p, v, __ATOMIC_RELEASE);
 }
 
 TOVI_RING_INLINE uint64_t load_relaxed(const uint64_t *p)
@@ -171,84 +153,8 @@ TOVI_RING_INLINE void wait_turn(const uint32_t *tail, uint32_t expected, uint32_
     spin_until([&] { return load_acquire(tail) == expected; }, round, yield);
 }
 
-// Copies a run of n objects four at a time, the remainder one by one. The
-// remainder is a switch, not a loop, so that the compiler does not turn it
-// into a library call and the callers stay leaf code.
-TOVI_RING_INLINE void copy_run(uint64_t *__restrict dst, const uint64_t *__restrict src, size_t n)
-{
-    size_t i = 0;
-    for (; i + 4 <= n; i += 4) {
-        dst[i] = src[i];
-        dst[i + 1] = src[i + 1];
-        dst[i + 2] = src[i + 2];
-        dst[i + 3] = src[i + 3];
-    }
-    switch (n - i) {
-    case 3:
-        dst[i + 2] = src[i + 2];
-        [[fallthrough]];
-    case 2:
-        dst[i + 1] = src[i + 1];
-        [[fallthrough]];
-    case 1:
-        dst[i] = src[i];
-        break;
-    default:
-        break;
-    }
-}
-
-// Copies n objects into the slots from index `head` on, wrapping from the
-// last slot to the first. One copy loop serves both runs of a wrapped copy,
-// which keeps the code (and the registers it needs) small.
-TOVI_RING_INLINE void copy_in(uint64_t *slots, uint32_t mask, uint32_t head, const uint64_t *objs,
-                              uint32_t n)
-{
-    const uint32_t idx = head & mask;
-    if (n == 1) {  // the single-object calls: no run, no wrap
-        slots[idx] = objs[0];
-        return;
-    }
-    const uint32_t room = mask + 1 - idx;  // slots up to the last one
-    uint32_t run = n <= room ? n : room;
-    uint64_t *dst = slots + idx;
-    for (;;) {
-        copy_run(dst, objs, run);
-        n -= run;
-        if (n == 0) [[likely]]
-            return;
-        objs += run;
-        dst = slots;
-        run = n;
-    }
-}
-
-// Copies n objects out of the slots from index `head` on, with the same wrap.
-TOVI_RING_INLINE void copy_out(const uint64_t *slots, uint32_t mask, uint32_t head, uint64_t *objs,
-                               uint32_t n)
-{
-    const uint32_t idx = head & mask;
-    if (n == 1) {
-        objs[0] = slots[idx];
-        return;
-    }
-    const uint32_t room = mask + 1 - idx;
-    uint32_t run = n <= room ? n : room;
-    const uint64_t *src = slots + idx;
-    for (;;) {
-        copy_run(objs, src, run);
-        n -= run;
-        if (n == 0) [[likely]]
-            return;
-        objs += run;
-        src = slots;
-        run = n;
-    }
-}
-
 // The fields one side works with.
 struct Ends {
-    uint32_t *head;
     uint32_t *tail;
     const uint32_t *other_tail;
     RelaxedEnds *relaxed;
@@ -264,11 +170,11 @@ template <bool kProducer>
 TOVI_RING_INLINE Ends ends(tovi_ring_s *r)
 {
     if constexpr (kProducer)
-        return {&r->prod.head,     &r->prod.tail,       &r->cons.tail, &r->gen.rts_prod,
-                &r->gen.rts_cons,  &r->cons.sc_dequeue, r->prod.mask,  r->prod.mask};
+        return {&r->prod.tail,    &r->cons.tail,       &r->gen.rts_prod, &r->gen.rts_cons,
+                &r->cons.sc_dequeue, r->prod.mask, r->prod.mask};
     else
-        return {&r->cons.head,    &r->cons.tail,       &r->prod.tail, &r->gen.rts_cons,
-                &r->gen.rts_prod, &r->prod.sp_enqueue, r->cons.mask,  0};
+        return {&r->cons.tail,    &r->prod.tail,       &r->gen.rts_cons, &r->gen.rts_prod,
+                &r->prod.sp_enqueue, r->cons.mask, 0};
 }
 
 // A reservation: slots [head, head + n), and what was available when it was
@@ -277,7 +183,7 @@ struct Claim {
     uint32_t head;
     uint32_t n;
     uint32_t avail;
-    bool other_relaxed;  // kRelaxed: the other side publishes in its tail word
+    bool other_relaxed;  // the other side publishes in its tail word
 };
 
 // How many of `want` to take from `avail`: all or none when kFixed, as many
@@ -295,7 +201,7 @@ TOVI_RING_INLINE bool fit(uint32_t want, uint32_t avail, uint32_t &n)
     return true;
 }
 
-// kRelaxed: waits while the head is more than `max_ahead` beyond the tail, so
+// Waits while the head is more than `max_ahead` beyond the tail, so
 // that threads that keep arriving cannot keep the count of unfinished
 // reservations above zero for ever (the tail moves only when it reaches zero).
 // Returns the head word last read.
@@ -316,57 +222,35 @@ TOVI_RING_INLINE uint64_t wait_head_near_tail(RelaxedEnds *s, uint64_t head, uin
 // Reserves slots for up to `want` objects into `c`; false when nothing is
 // reserved. The claim is worked out in locals (not in `c`, whose address would
 // then escape into the compare-and-swap and keep it in memory).
-template <Sync kSync, bool kFixed, class Yield>
+template <bool kFixed, class Yield>
 TOVI_RING_INLINE bool move_head(const Ends &e, uint32_t want, Claim &c, Yield yield)
 {
+    RelaxedEnds *s = e.relaxed;
+    const uint32_t max_ahead = e.mask >> 3;
+    const bool other_relaxed = *e.other_mode == kRelaxedTail;
+    uint64_t word = load_acquire(&s->head);  // H0 (pairs with H1)
     uint32_t head;
     uint32_t avail;
     uint32_t n;
-    bool other_relaxed = false;
-    if constexpr (kSync == Sync::kRelaxed) {
-        RelaxedEnds *s = e.relaxed;
-        const uint32_t max_ahead = e.mask >> 3;
-        other_relaxed = *e.other_mode == kRelaxedTail;
-        uint64_t word = load_acquire(&s->head);  // H0 (pairs with H1)
-        for (;;) {
-            word = wait_head_near_tail(s, word, max_ahead, yield);
-            head = pos_of(word);
-            // T1 (pairs with T0).
-            const uint32_t other_tail =
-                other_relaxed ? pos_of(load_acquire(&e.other_relaxed->tail)) : load_acquire(e.other_tail);
-            avail = e.base + other_tail - head;
-            if (!fit<kFixed>(want, avail, n))
-                return false;
-            // H1 on success; on failure the word is read again as H0.
-            if (__atomic_compare_exchange_n(&s->head, &word, pos_cnt(head + n, cnt_of(word) + 1), false,
-                                            __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
-                break;
-        }
-    } else {
-        for (;;) {
-            head = load_relaxed(e.head);
-            // H0 (pairs with H1): our head before the other side's tail.
-            arch::fence_acquire();
-            avail = e.base + load_acquire(e.other_tail) - head;  // T1 (pairs with T0)
-            if (!fit<kFixed>(want, avail, n))
-                return false;
-            if constexpr (kSync == Sync::kSingle) {
-                store_relaxed(e.head, head + n);  // H1: one thread, program order
-                break;
-            } else {
-                // H1. Claims [head, head + n) against the other threads of this
-                // side; fails and retries when one of them moved the head first.
-                if (__atomic_compare_exchange_n(e.head, &head, head + n, false, __ATOMIC_ACQ_REL,
-                                                __ATOMIC_RELAXED))
-                    break;
-            }
-        }
+    for (;;) {
+        word = wait_head_near_tail(s, word, max_ahead, yield);
+        head = pos_of(word);
+        // T1 (pairs with T0).
+        const uint32_t other_tail =
+            other_relaxed ? pos_of(load_acquire(&e.other_relaxed->tail)) : load_acquire(e.other_tail);
+        avail = e.base + other_tail - head;
+        if (!fit<kFixed>(want, avail, n))
+            return false;
+        // H1 on success; on failure the word is read again as H0.
+        if (__atomic_compare_exchange_n(&s->head, &word, pos_cnt(head + n, cnt_of(word) + 1), false,
+                                        __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+            break;
     }
     c = {head, n, avail, other_relaxed};
     return true;
 }
 
-// kRelaxed with a single other side: moves the 32-bit tail up to `pos` unless
+// With a single other side: moves the 32-bit tail up to `pos` unless
 // a later publication got there first; it never moves back.
 TOVI_RING_INLINE void raise_tail(uint32_t *tail, uint32_t pos)
 {
@@ -378,72 +262,61 @@ TOVI_RING_INLINE void raise_tail(uint32_t *tail, uint32_t pos)
     }
 }
 
-template <Sync kSync, class Yield>
-TOVI_RING_INLINE void publish(const Ends &e, const Claim &c, Yield yield)
+TOVI_RING_INLINE void publish(const Ends &e, const Claim &c)
 {
-    if constexpr (kSync == Sync::kRelaxed) {
-        RelaxedEnds *s = e.relaxed;
-        uint64_t tail = load_relaxed(&s->tail);
-        uint64_t next;
-        // R0 (pairs with R0 of the other finishers); when the position moves,
-        // also T0 for a relaxed-tail other side.
-        do {
-            // When every reservation counted in the head has now finished,
-            // the tail may move to the head: ours was counted there, so the
-            // head read here is at least as new as our claim.
-            const uint64_t head = load_relaxed(&s->head);
-            const uint32_t done = cnt_of(tail) + 1;
-            next = pos_cnt(done == cnt_of(head) ? pos_of(head) : pos_of(tail), done);
-        } while (!__atomic_compare_exchange_n(&s->tail, &tail, next, false, __ATOMIC_ACQ_REL,
-                                              __ATOMIC_RELAXED));
-        if (!c.other_relaxed && pos_of(next) != pos_of(tail))
-            raise_tail(e.tail, pos_of(next));
-    } else {
-        if constexpr (kSync == Sync::kInOrder)
-            wait_turn(e.tail, c.head, kSpinsPerYield, yield);
-        store_release(e.tail, c.head + c.n);  // T0 (pairs with T1); W0 for the thread behind
-    }
+    RelaxedEnds *s = e.relaxed;
+    uint64_t tail = load_relaxed(&s->tail);
+    uint64_t next;
+    // R0 (pairs with R0 of the other finishers); when the position moves,
+    // also T0 for a relaxed-tail other side.
+    do {
+        // When every reservation counted in the head has now finished, the
+        // tail may move to the head: ours was counted there, so the head read
+        // here is at least as new as our claim.
+        const uint64_t head = load_relaxed(&s->head);
+        const uint32_t done = cnt_of(tail) + 1;
+        next = pos_cnt(done == cnt_of(head) ? pos_of(head) : pos_of(tail), done);
+    } while (!__atomic_compare_exchange_n(&s->tail, &tail, next, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
+    if (!c.other_relaxed && pos_of(next) != pos_of(tail))
+        raise_tail(e.tail, pos_of(next));
 }
 
 // Moves up to `want` objects between `objs` and the ring: all or none when
 // kFixed, as many as fit or are present otherwise. Returns the count moved;
 // for the producer with TOVI_RING_QUOT_EXCEED set when the ring is then above
 // its watermark. 0 when nothing was reserved.
-template <bool kProducer, Sync kSync, bool kFixed, class Objs, class Yield>
-TOVI_RING_INLINE uint32_t transfer(tovi_ring_s *r, Objs objs, uint32_t want, Yield yield)
+template <bool kProducer, bool kFixed, class Yield>
+TOVI_RING_INLINE uint32_t transfer(tovi_ring_s *r, uint64_t *objs, uint32_t want, Yield yield)
 {
     const Ends e = ends<kProducer>(r);
     Claim c;
-    if (!move_head<kSync, kFixed>(e, want, c, yield))
+    if (!move_head<kFixed>(e, want, c, yield))
         return 0;
     uint32_t result = c.n;
     if constexpr (kProducer) {
         // Quota: whether the ring, with our n objects in, stands above its
         // watermark; they are stored either way. n <= mask < 2^28 leaves bit
-        // 31 free for the verdict. It uses only values already read, so it is
-        // worked out before the copy, which then has more registers to itself.
+        // 31 free for the verdict.
         result = (e.mask + 1) - c.avail + c.n > r->prod.watermark ? c.n | TOVI_RING_QUOT_EXCEED : c.n;
     }
     arch::fence_acquire();  // F0
-    if constexpr (kProducer)
-        copy_in(slots(r), e.mask, c.head, objs, c.n);
-    else
-        copy_out(slots(r), e.mask, c.head, objs, c.n);
+    tovi_ring_inl_move_(r, e.mask, c.head, objs, c.n, kProducer);
     arch::fence_release();  // F1
-    publish<kSync>(e, c, yield);
+    publish(e, c);
     return result;
 }
 
-template <Sync kSync, bool kFixed, class Yield>
+template <bool kFixed, class Yield>
 TOVI_RING_INLINE uint32_t enqueue(tovi_ring_s *r, const uint64_t *objs, uint32_t want, Yield yield)
 {
-    return transfer<true, kSync, kFixed>(r, objs, want, yield);
+    // The copy only reads the objects of an enqueue.
+    return transfer<true, kFixed>(r, const_cast<uint64_t *>(objs), want, yield);
 }
 
-template <Sync kSync, bool kFixed, class Yield>
+template <bool kFixed, class Yield>
 TOVI_RING_INLINE uint32_t dequeue(tovi_ring_s *r, uint64_t *objs, uint32_t want, Yield yield)
 {
-    return transfer<false, kSync, kFixed>(r, objs, want, yield);
+    return transfer<false, kFixed>(r, objs, want, yield);
 }
 
 #undef TOVI_RING_INLINE
