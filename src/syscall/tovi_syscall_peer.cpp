@@ -2,9 +2,13 @@
 // diagnostics look the peer's socket up by its exact address pair and
 // report its owner. Where that interface cannot be opened (an emulator that
 // does not pass it through) the same answer is read from /proc/net/tcp.
-// Both ends live in this network namespace.
+// Both ends live in this network namespace. The netlink lookup costs the
+// same however many sockets exist; the file is read whole and grows with
+// every socket of the namespace (closed ones waiting out TIME_WAIT too), so
+// a read of it gives up after kProcBudget.
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <linux/inet_diag.h>
@@ -20,6 +24,8 @@
 namespace tovi::syscall {
 namespace {
 
+constexpr auto kProcBudget = std::chrono::seconds(1);
+
 // The line of /proc/net/tcp whose local end is `own` and remote end `other`
 // (addresses as the kernel prints them: the raw 32-bit word in hex).
 int uid_from_proc(const sockaddr_in &own, const sockaddr_in &other, uid_t *uid)
@@ -28,8 +34,11 @@ int uid_from_proc(const sockaddr_in &own, const sockaddr_in &other, uid_t *uid)
     if (f == nullptr)
         return -errno;
     ScopeExit close_f([f] { std::fclose(f); });
+    const auto give_up = std::chrono::steady_clock::now() + kProcBudget;
     char line[512];
-    while (std::fgets(line, sizeof line, f) != nullptr) {
+    for (unsigned n = 1; std::fgets(line, sizeof line, f) != nullptr; ++n) {
+        if (n % 256 == 0 && std::chrono::steady_clock::now() > give_up)
+            return -ETIMEDOUT;
         unsigned la, lp, ra, rp, owner;
         if (std::sscanf(line, " %*u: %8X:%4X %8X:%4X %*X %*X:%*X %*X:%*X %*X %u", &la, &lp, &ra, &rp, &owner) == 5 &&
             la == own.sin_addr.s_addr && lp == ntohs(own.sin_port) && ra == other.sin_addr.s_addr && rp == ntohs(other.sin_port)) {
