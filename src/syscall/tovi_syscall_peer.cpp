@@ -5,7 +5,9 @@
 // Both ends live in this network namespace. The netlink lookup costs the
 // same however many sockets exist; the file is read whole and grows with
 // every socket of the namespace (closed ones waiting out TIME_WAIT too), so
-// a read of it gives up after kProcBudget.
+// a read of it gives up after kProcBudget, and one read runs at a time: side
+// by side, the workers of a flood of connections would each take longer than
+// the budget and every connection would be refused.
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -14,6 +16,7 @@
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
+#include <mutex>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -25,11 +28,13 @@ namespace tovi::syscall {
 namespace {
 
 constexpr auto kProcBudget = std::chrono::seconds(1);
+std::mutex g_proc_mutex;  // one read of /proc/net/tcp at a time
 
 // The line of /proc/net/tcp whose local end is `own` and remote end `other`
 // (addresses as the kernel prints them: the raw 32-bit word in hex).
 int uid_from_proc(const sockaddr_in &own, const sockaddr_in &other, uid_t *uid)
 {
+    std::lock_guard<std::mutex> one_at_a_time(g_proc_mutex);
     FILE *f = std::fopen("/proc/net/tcp", "re");
     if (f == nullptr)
         return -errno;
