@@ -2,14 +2,21 @@
 // diagnostics look the peer's socket up by its exact address pair and
 // report its owner. Where that interface cannot be opened (an emulator that
 // does not pass it through) the same answer is read from /proc/net/tcp.
-// Both ends live in this network namespace.
+// Both ends live in this network namespace. The netlink lookup costs the
+// same however many sockets exist; the file is read whole and grows with
+// every socket of the namespace (closed ones waiting out TIME_WAIT too), so
+// a read of it gives up after kProcBudget, and one read runs at a time: side
+// by side, the workers of a flood of connections would each take longer than
+// the budget and every connection would be refused.
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
+#include <mutex>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,16 +27,23 @@
 namespace tovi::syscall {
 namespace {
 
+constexpr auto kProcBudget = std::chrono::seconds(1);
+std::mutex g_proc_mutex;  // one read of /proc/net/tcp at a time
+
 // The line of /proc/net/tcp whose local end is `own` and remote end `other`
 // (addresses as the kernel prints them: the raw 32-bit word in hex).
 int uid_from_proc(const sockaddr_in &own, const sockaddr_in &other, uid_t *uid)
 {
+    std::lock_guard<std::mutex> one_at_a_time(g_proc_mutex);
     FILE *f = std::fopen("/proc/net/tcp", "re");
     if (f == nullptr)
         return -errno;
     ScopeExit close_f([f] { std::fclose(f); });
+    const auto give_up = std::chrono::steady_clock::now() + kProcBudget;
     char line[512];
-    while (std::fgets(line, sizeof line, f) != nullptr) {
+    for (unsigned n = 1; std::fgets(line, sizeof line, f) != nullptr; ++n) {
+        if (n % 256 == 0 && std::chrono::steady_clock::now() > give_up)
+            return -ETIMEDOUT;
         unsigned la, lp, ra, rp, owner;
         if (std::sscanf(line, " %*u: %8X:%4X %8X:%4X %*X %*X:%*X %*X:%*X %*X %u", &la, &lp, &ra, &rp, &owner) == 5 &&
             la == own.sin_addr.s_addr && lp == ntohs(own.sin_port) && ra == other.sin_addr.s_addr && rp == ntohs(other.sin_port)) {

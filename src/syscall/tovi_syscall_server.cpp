@@ -11,7 +11,8 @@
 //    silence inside a message;
 //  - at most SYSCALL_MAX_CONNECTIONS connections are served at once;
 //  - only sockets of the server's own effective user are served unless
-//    SYSCALL_ALLOW_OTHER_USERS is 1.
+//    SYSCALL_ALLOW_OTHER_USERS is 1; each worker looks its peer up before it
+//    reads, so the accept thread only accepts, counts and starts workers.
 //
 // g_server.mutex guards the state below; the accept thread and the workers
 // take it only to count themselves and to file or drop their descriptors,
@@ -118,36 +119,6 @@ bool serve(int fd, const WireHeader &h, uint8_t *in, uint8_t *out, int stall_ms)
     return reply(fd, h, result, out, call.uiOutLen);
 }
 
-void *worker(void *arg)
-{
-    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(arg));
-    ScopeExit done([fd] {
-        drop_connection(fd);
-        thread_done();
-    });
-    tovi_thrd_setname("syscall_do_thr");
-    int stall_ms;
-    {
-        std::lock_guard<std::mutex> guard(g_server.mutex);
-        stall_ms = g_server.limits.stall_ms;
-    }
-    auto *in = static_cast<uint8_t *>(std::malloc(TOVI_SYSCALL_BUF_LEN));
-    auto *out = static_cast<uint8_t *>(std::malloc(TOVI_SYSCALL_BUF_LEN));
-    ScopeExit release([in, out] {
-        std::free(in);
-        std::free(out);
-    });
-    if (in == nullptr || out == nullptr) {
-        TOVI_LOG(log::kError, "Param error: null pointer.\n");
-        return nullptr;
-    }
-    for (;;) {
-        unsigned char head[kWireHeaderLen];
-        if (recv_all(fd, head, sizeof head, stall_ms, true) != 0 || !serve(fd, decode(head), in, out, stall_ms))
-            return nullptr;
-    }
-}
-
 // Whether the peer at the other end of fd may call. Logs a refusal.
 bool peer_allowed(int fd, const ServerLimits &limits)
 {
@@ -165,39 +136,61 @@ bool peer_allowed(int fd, const ServerLimits &limits)
     return true;
 }
 
-// Files an accepted connection and starts its worker, or closes it.
-void admit(int fd)
+void *worker(void *arg)
 {
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(arg));
+    ScopeExit done([fd] {
+        drop_connection(fd);
+        thread_done();
+    });
+    tovi_thrd_setname("syscall_do_thr");
     ServerLimits limits;
     {
         std::lock_guard<std::mutex> guard(g_server.mutex);
         limits = g_server.limits;
-        if (g_server.stopping) {
-            close(fd);
-            return;
-        }
-        if (g_server.connections.size() >= limits.max_connections) {
-            TOVI_LOG_RATELIMITED(log::kWarning, "Syscall connection refused, %u connections served already.",
-                                 static_cast<unsigned>(g_server.connections.size()));
-            close(fd);
-            return;
-        }
     }
-    if (!peer_allowed(fd, limits)) {
-        close(fd);
-        return;
+    // Here rather than on the accept thread: the lookup may read the whole
+    // connection table, and a flood of connections must not hold up accepting.
+    if (!peer_allowed(fd, limits))
+        return nullptr;
+    const int stall_ms = limits.stall_ms;
+    auto *in = static_cast<uint8_t *>(std::malloc(TOVI_SYSCALL_BUF_LEN));
+    auto *out = static_cast<uint8_t *>(std::malloc(TOVI_SYSCALL_BUF_LEN));
+    ScopeExit release([in, out] {
+        std::free(in);
+        std::free(out);
+    });
+    if (in == nullptr || out == nullptr) {
+        TOVI_LOG(log::kError, "Param error: null pointer.\n");
+        return nullptr;
     }
-    int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    for (;;) {
+        unsigned char head[kWireHeaderLen];
+        if (recv_all(fd, head, sizeof head, stall_ms, true) != 0 || !serve(fd, decode(head), in, out, stall_ms))
+            return nullptr;
+    }
+}
+
+// Files an accepted connection and starts its worker, or closes it.
+void admit(int fd)
+{
     {
         std::lock_guard<std::mutex> guard(g_server.mutex);
         if (g_server.stopping) {
+            close(fd);
+            return;
+        }
+        if (g_server.connections.size() >= g_server.limits.max_connections) {
+            TOVI_LOG_RATELIMITED(log::kWarning, "Syscall connection refused, %u connections served already.",
+                                 static_cast<unsigned>(g_server.connections.size()));
             close(fd);
             return;
         }
         g_server.connections.push_back(fd);
         ++g_server.threads;
     }
+    int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (uint32_t ret = create_thread_raw(worker, reinterpret_cast<void *>(static_cast<intptr_t>(fd)), nullptr); ret != 0) {
         TOVI_LOG(log::kError, "creat syscall thrd failed, ret = %d.\n", static_cast<int>(ret));
         drop_connection(fd);
