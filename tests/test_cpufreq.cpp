@@ -40,7 +40,7 @@ TEST(Cpufreq, TableCommandsAndMachineSteps)
     EXPECT_CHILD_REPORT(tovi::test::in_private_mounts(0, {"/dev/shm", kCpu}, []() -> std::string {
         std::string many;  // 100000 ... 3200000
         for (int f = 1; f <= 32; ++f) many += std::to_string(f * 100000) + " ";
-        CHILD_CHECK(write_file(kCpu + "online", "0-3\n") && cpu_file(0, "scaling_available_frequencies", "  2400000 1200000\t1800000 \n") &&
+        CHILD_CHECK(write_file(kCpu + "online", "0-3\n") && write_file(kCpu + "possible", "0-47\n") && write_file(kCpu + "present", "0-47\n") && cpu_file(0, "scaling_available_frequencies", "  2400000 1200000\t1800000 \n") &&
                     cpu_file(0, "scaling_governor", "performance\n") && cpu_file(2, "scaling_available_frequencies", many + "\n") &&
                     cpu_file(3, "scaling_governor", "abcdefghijklmnopqrstuvwxyz\n") && cpu_file(24, "scaling_max_freq", "2000000\n") &&
                     cpu_file(36, "scaling_max_freq", "2200000\n"));

@@ -77,6 +77,11 @@ TEST(Run, StatusesStreamsChildrenAndArgv)
     for (const auto &[cmd, status] : cases)
         EXPECT_EQ(std::to_string(tovi_system(cmd)) + run_read(cmd), std::to_string(status) + "|" + std::to_string(status)) << cmd;
     EXPECT_EQ(run_read("cat >/dev/null", "w"), "|0");
+    int32_t own = 0, own_st = 0;  // allowed characters pass; the pid given back is the shell's, for the caller to wait on
+    FILE *with_pid = tovi_popen_s_with_pid("echo $$; exit 4", "r", "$;", &own);
+    char said[16] = "";
+    EXPECT_TRUE(with_pid && fgets(said, sizeof said, with_pid) && said == std::to_string(own) + "\n" && !fclose(with_pid) &&
+                waitpid(own, &own_st, 0) == own && own_st == 4 << 8) << said;
     for (const char *mode : {"", "rw", "r+", "x", "we"})
         EXPECT_TRUE(!tovi_popen("true", mode) && !popen_s("true", mode, nullptr)) << mode;
     FILE *p = popen_s("exit 6", "r", nullptr);

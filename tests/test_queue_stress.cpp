@@ -6,14 +6,19 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <numeric>
+#include <pthread.h>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "child.hpp"
 #include "tovi_queue.h"
 #include "tovi_queue.hpp"
 #include "tovi_sched.h"
@@ -155,4 +160,68 @@ TEST(QueueStress, EveryObjectOnceAndInOrderForEachMixOfSides)
     };
     for (const Config &c : configs)
         run(c);
+}
+
+// Processor time of the producers that have not finished, in milliseconds.
+static uint64_t busy_ms(std::vector<std::thread> &threads, const std::atomic<bool> *finished)
+{
+    uint64_t ms = 0;
+    for (size_t t = 0; t < threads.size(); ++t) {
+        clockid_t id;
+        timespec ts{};
+        if (!finished[t] && pthread_getcpuclockid(threads[t].native_handle(), &id) == 0 && clock_gettime(id, &ts) == 0)
+            ms += static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+    }
+    return ms;
+}
+
+// Producers that only race for the head, in bursts started together: a claim
+// that is not atomic hands two of them the same slot, which loses an object or
+// leaves one waiting for a turn that never comes. A producer waits only for one
+// that has lost its processor, so producers that run 100 ms on theirs while
+// none publishes or finishes are stuck (time spent preempted does not count).
+// Two producers: as many as run side by side on two cores; more take turns.
+TEST(QueueStress, ProducersRacingForTheHeadNeverShareASlot)
+{
+    constexpr int kThreads = 2;
+    constexpr uint32_t kBurst = 16384;
+    std::vector<uint64_t> want;
+    for (uint64_t i = 0; i < kThreads * kBurst; ++i)
+        want.push_back(i / kBurst << 32 | i % kBurst);
+    for (auto create : {tovi_ring_create, tovi_ring_create_rts}) {
+        const std::string report = tovi::test::report_from_child([&]() -> std::string {
+            tovi_ring_t *r = create(2 * kThreads * kBurst, 0);
+            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(750);
+            for (uint32_t round = 0; std::chrono::steady_clock::now() < end; ++round) {
+                std::atomic<int> ready{0};
+                std::atomic<bool> finished[kThreads] = {};
+                std::vector<std::thread> threads;
+                for (int t = 0; t < kThreads; ++t)
+                    threads.emplace_back([&, t] {
+                        for (ready.fetch_add(1); ready.load() < kThreads;) {
+                        }
+                        for (uint32_t i = 0; i < kBurst; ++i)
+                            tovi_ring_enqueue(r, static_cast<uint64_t>(t) << 32 | i);
+                        finished[t] = true;
+                    });
+                const auto left = [&] { return std::count_if(finished, finished + kThreads, [](const auto &f) { return !f.load(); }); };
+                // Until all are done, or stuck: those at work ran 100 ms while none published or finished.
+                for (uint64_t seen = ~0ull, now, base = 0; left() != 0; tovi_msleep(1)) {
+                    if ((now = uint64_t{tovi::ring::published_tail(r, true)} + kThreads - left()) != seen)
+                        seen = now, base = busy_ms(threads, finished);
+                    else if (busy_ms(threads, finished) > base + 100)
+                        break;
+                }
+                const bool done = left() == 0;
+                for (std::thread &t : threads)
+                    done ? t.join() : t.detach();
+                std::vector<uint64_t> got(kThreads * kBurst + 1);
+                got.resize(done ? tovi_ring_dequeue_burst(r, got.data(), static_cast<uint32_t>(got.size())) : 0);
+                if (std::sort(got.begin(), got.end()), got != want)
+                    return "round " + std::to_string(round) + (done ? ": objects lost" : ": a producer never finished");
+            }
+            return "";
+        });
+        EXPECT_EQ(report, "") << (create == tovi_ring_create ? "in-order" : "relaxed-tail");
+    }
 }

@@ -302,6 +302,28 @@ TEST(Ids, CachedIdsProcessNamesCoreAndNuma)
     });
 }
 
+// The executable's path is cut to the buffer: a copy of this program, under a
+// path of the buffer's length and of one more, reports its own name.
+TEST(Ids, ExeNameCutAtTheBuffer)
+{
+    if (const char *out = getenv("TOVI_TEST_EXE_OUT")) {  // the copy's run
+        char exe[TOVI_PROCESS_EXE_LEN + 8];
+        memset(exe, 'z', sizeof exe);
+        ASSERT_TRUE(tovi_get_process_exe_name(exe) == 0u && tovi::test::write_file(out, std::string(exe, strnlen(exe, sizeof exe))));
+        return;
+    }
+    char dir[] = "/tmp/tovi_exeXXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    for (size_t len : {TOVI_PROCESS_EXE_LEN - 1, TOVI_PROCESS_EXE_LEN}) {
+        const std::string exe = dir + ("/" + std::string(len - sizeof dir, 'x')), out = dir + std::string("/name");
+        EXPECT_EQ(std::system(("cp /proc/" + std::to_string(getpid()) + "/exe " + exe + " && TOVI_TEST_EXE_OUT=" + out + " " + exe +
+                               " --gtest_filter=Ids.ExeNameCutAtTheBuffer >/dev/null").c_str()), 0);
+        EXPECT_EQ(tovi::test::read_file(out), exe.substr(0, TOVI_PROCESS_EXE_LEN - 1)) << len;
+        unlink(exe.c_str()), unlink(out.c_str());
+    }
+    rmdir(dir);
+}
+
 TEST(Stacks, LightWeightLookupServesStacksTheRecordDoesNotKnow)
 {
     static std::atomic<int> g_lwt_calls{0};

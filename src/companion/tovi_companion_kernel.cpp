@@ -61,7 +61,7 @@ int open_map_file(const char *child, const char *file)
 {
     char path[kPathMax];
     snprintf_s(path, sizeof path, "%s%s/maps/map0/%s", kUioDir, child, file);
-    return open(path, O_RDONLY);
+    return open(path, O_RDONLY | O_CLOEXEC);
 }
 
 // Reads at most kValueMax bytes of a sysfs value (written as "0x..." or decimal).
@@ -107,7 +107,7 @@ uint32_t jiffies_map(tovi_jiffies_uio_s *uio)
 
     char dev_path[kPathMax];
     snprintf_s(dev_path, sizeof dev_path, "/dev/%s", child);
-    int fds[4] = {open(dev_path, O_RDONLY), -1, -1, -1};
+    int fds[4] = {open(dev_path, O_RDONLY | O_CLOEXEC), -1, -1, -1};
     if (fds[0] < 0)
         return TOVI_ERR;
     uio->dev_fd = fds[0];

@@ -30,7 +30,6 @@ constexpr const char *kCpuFile = "/sys/devices/system/cpu/cpu%u/cpufreq/%s";
 constexpr const char *kAvailable = "scaling_available_frequencies";
 constexpr const char *kGovernor = "scaling_governor";
 constexpr const char *kMaxFreq = "scaling_max_freq";
-constexpr const char *kOnlineCpus = "/sys/devices/system/cpu/online";
 constexpr const char *kFallbackFreqs = "1200000";
 constexpr const char *kFallbackGovernor = "ondemand";
 constexpr int32_t kEinval = -22;
@@ -41,22 +40,18 @@ Entry g_table[kMaxCpus];
 uint32_t g_packages;
 uint32_t g_logical;
 
-// The online CPUs below kMaxCpus, ascending, into `cpus`; their number.
+// The online CPUs, ascending, into `cpus` (kMaxCpus entries); their number.
+// The masks are loaded here too, so callers that come before the library's
+// start see the same CPUs as after it; masks that cannot be loaded (logged
+// there) leave no CPU to act on.
 uint32_t online_cpus(uint32_t *cpus)
 {
-    char line[256] = "";
-    uint64_t set[16] = {};
-    FILE *f = std::fopen(kOnlineCpus, "re");
-    bool ok = f != nullptr && std::fgets(line, sizeof line, f) != nullptr;
-    if (f != nullptr)
-        std::fclose(f);
-    line[std::strcspn(line, "\n")] = '\0';
-    if (!ok || tovi_cpum_parse_cpumask(line, set) != 0)
+    static_assert(kMaxCpus == TOVI_CPUMASK_BITS, "one table entry per CPU a mask names");
+    if (cpumask_init() != 0)
         return 0;
     uint32_t count = 0;
-    for (uint32_t cpu = 0; cpu < kMaxCpus; ++cpu)
-        if ((set[cpu / 64] >> (cpu % 64)) & 1u)
-            cpus[count++] = cpu;
+    for (uint32_t cpu = tovi_first_cpu(cpu_online_mask); cpu < kMaxCpus; cpu = tovi_next_cpu(cpu, cpu_online_mask))
+        cpus[count++] = cpu;
     return count;
 }
 

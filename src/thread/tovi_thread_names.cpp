@@ -102,7 +102,7 @@ uint32_t tovi_get_process_name(char *buf)
         return TOVI_ERR;
     char path[64];
     snprintf_s(path, sizeof path, "/proc/%d/status", tovi_thrd_getpid_accl());
-    FILE *status = std::fopen(path, "r");
+    FILE *status = std::fopen(path, "re");
     if (status == nullptr)
         return TOVI_ERR;
     tovi::ScopeExit close_status([status] { std::fclose(status); });

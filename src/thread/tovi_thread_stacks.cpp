@@ -47,7 +47,7 @@ bool inside(uint64_t sp, uint64_t low, uint64_t high)
 // negated errno.
 int main_stack(uint64_t *start, uint64_t *end)
 {
-    FILE *maps = std::fopen("/proc/self/maps", "r");
+    FILE *maps = std::fopen("/proc/self/maps", "re");
     if (maps == nullptr)
         return -errno;
     tovi::ScopeExit close_maps([maps] { std::fclose(maps); });
