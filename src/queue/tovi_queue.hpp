@@ -55,10 +55,10 @@ namespace tovi::ring {
 // The header's blocks (the layout is in tovi_queue.h, part of the interface).
 inline constexpr uint32_t kBlock = 128;
 inline constexpr uint32_t kMaxCount = 0x10000000;
-// kInOrder: tests of the tail before a waiting producer or consumer yields.
+// In-order sides: tests of the tail before a waiting producer or consumer yields.
 inline constexpr uint32_t kSpinsPerYield = 0x8000000;
-// kRelaxed: tests before a thread whose head ran too far ahead of the tail
-// yields. Short, because the thread it waits for has usually lost its
+// Relaxed-tail sides: tests before a thread whose head ran too far ahead of
+// the tail yields. Short, because the thread it waits for has usually lost its
 // processor: the point of the mode is to give it back quickly.
 inline constexpr uint32_t kRelaxedSpinsPerYield = 64;
 // Values of sp_enqueue and sc_dequeue that make a side single-threaded.
@@ -143,7 +143,7 @@ TOVI_RING_INLINE void spin_until(Done done, uint32_t round, Yield yield)
     }
 }
 
-// kInOrder: waits until *tail equals `expected`, that is until every earlier
+// In-order sides: waits until *tail equals `expected`, that is until every earlier
 // reservation of the same side is published: tests it `round` times, then
 // calls `yield` and starts another round.
 template <class Yield>
@@ -170,11 +170,11 @@ template <bool kProducer>
 TOVI_RING_INLINE Ends ends(tovi_ring_s *r)
 {
     if constexpr (kProducer)
-        return {&r->prod.tail,    &r->cons.tail,       &r->gen.rts_prod, &r->gen.rts_cons,
-                &r->cons.sc_dequeue, r->prod.mask, r->prod.mask};
+        return {&r->prod.tail,       &r->cons.tail, &r->gen.rts_prod, &r->gen.rts_cons,
+                &r->cons.sc_dequeue, r->prod.mask,  r->prod.mask};
     else
-        return {&r->cons.tail,    &r->prod.tail,       &r->gen.rts_cons, &r->gen.rts_prod,
-                &r->prod.sp_enqueue, r->cons.mask, 0};
+        return {&r->cons.tail,       &r->prod.tail, &r->gen.rts_cons, &r->gen.rts_prod,
+                &r->prod.sp_enqueue, r->cons.mask,  0};
 }
 
 // A reservation: slots [head, head + n), and what was available when it was
