@@ -117,10 +117,37 @@ __attribute__((target("sse4.2"))) inline uint32_t crc32c_u64(uint32_t crc, uint6
     return static_cast<uint32_t>(_mm_crc32_u64(crc, v));
 }
 
+// One instruction step each, written out so that the code carrying them
+// needs no processor target of its own: crc32c_serial then inlines into
+// any caller, the library's short-buffer path included.
+inline uint64_t crc32c_step(uint64_t crc, uint64_t v)
+{
+    asm("crc32q %1, %0" : "+r"(crc) : "rm"(v));
+    return crc;
+}
+
+inline uint32_t crc32c_step(uint32_t crc, uint32_t v)
+{
+    asm("crc32l %1, %0" : "+r"(crc) : "rm"(v));
+    return crc;
+}
+
+inline uint32_t crc32c_step(uint32_t crc, uint16_t v)
+{
+    asm("crc32w %1, %0" : "+r"(crc) : "rm"(v));
+    return crc;
+}
+
+inline uint32_t crc32c_step(uint32_t crc, uint8_t v)
+{
+    asm("crc32b %1, %0" : "+r"(crc) : "rm"(v));
+    return crc;
+}
+
 // CRC32C with the instruction alone: eight 8-byte steps per 64-byte block,
 // then the tail in 8-, 4-, 2- and 1-byte steps. Callers check
 // crc32c_hw_available() first.
-__attribute__((target("sse4.2"))) inline uint32_t crc32c_serial(uint32_t crc, const uint8_t *p, uint64_t n)
+inline uint32_t crc32c_serial(uint32_t crc, const uint8_t *p, uint64_t n)
 {
     uint64_t c = crc;
     uint64_t w;
@@ -128,27 +155,27 @@ __attribute__((target("sse4.2"))) inline uint32_t crc32c_serial(uint32_t crc, co
 #pragma GCC unroll 8
         for (unsigned i = 0; i < 64; i += 8) {
             __builtin_memcpy(&w, p + i, 8);
-            c = _mm_crc32_u64(c, w);
+            c = crc32c_step(c, w);
         }
     for (; n >= 8; p += 8, n -= 8) {
         __builtin_memcpy(&w, p, 8);
-        c = _mm_crc32_u64(c, w);
+        c = crc32c_step(c, w);
     }
     auto c32 = static_cast<uint32_t>(c);
     if (n & 4) {
         uint32_t v;
         __builtin_memcpy(&v, p, 4);
-        c32 = _mm_crc32_u32(c32, v);
+        c32 = crc32c_step(c32, v);
         p += 4;
     }
     if (n & 2) {
         uint16_t v;
         __builtin_memcpy(&v, p, 2);
-        c32 = _mm_crc32_u16(c32, v);
+        c32 = crc32c_step(c32, v);
         p += 2;
     }
     if (n & 1)
-        c32 = _mm_crc32_u8(c32, *p);
+        c32 = crc32c_step(c32, *p);
     return c32;
 }
 

@@ -209,6 +209,19 @@ Crc32cRoutine crc32c_dispatch()
 
 }  // namespace tovi::bitop
 
+extern "C" uint32_t tovi_crc32_init(void);
+
+namespace {
+
+// Called before start-up: set the dispatch up now rather than fault.
+[[gnu::cold, gnu::noinline]] Crc32cRoutine dispatch_before_start()
+{
+    tovi_crc32_init();
+    return g_crc32c_dispatch.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
 extern "C" {
 
 uint32_t tovi_crc32_init(void)
@@ -222,16 +235,13 @@ uint32_t tovi_crc32cContinue(uint32_t crc, const void *buf, uint32_t len)
     if (buf == nullptr || len == 0)
         return crc;
     Crc32cRoutine routine = g_crc32c_dispatch.load(std::memory_order_relaxed);
-    if (routine == nullptr) [[unlikely]] {
-        // Called before start-up: set the dispatch up now rather than fault.
-        tovi_crc32_init();
-        routine = g_crc32c_dispatch.load(std::memory_order_relaxed);
-    }
     // Below the folding bound every route is the instruction loop: run it
-    // without the indirect call and the route lookup (short headers and
-    // sectors are the common case).
+    // here, with no call at all (short headers and sectors are the common
+    // case).
     if (routine == crc32c_hardware && len < tovi::arch::kCrc32cFoldMin)
         return tovi::arch::crc32c_serial(crc, static_cast<const uint8_t *>(buf), len);
+    if (routine == nullptr) [[unlikely]]
+        routine = dispatch_before_start();
     return routine(crc, static_cast<const uint8_t *>(buf), len);
 }
 
