@@ -69,7 +69,8 @@ TOVI_API int32_t tovi_hash_attr_init(tovi_hash_attr_s *attr);
  * (at least 2 should be asked for). `limit` must not exceed 1023 and is only
  * checked. 0 with *table set; -22 for count 0, a NULL table, limit above
  * 1023 or 2^31 buckets or more; -12 (and *table NULL) when an allocation
- * fails. */
+ * fails. A bucket array from the system allocator that spans whole 2 MiB
+ * pages is advised to use transparent huge pages. */
 TOVI_API int32_t tovi_hash_create_ex(uint32_t count, tovi_hash_table_s **table, uint32_t limit,
                                      tovi_hash_attr_s *attr);
 
