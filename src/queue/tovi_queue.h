@@ -20,7 +20,8 @@
  * made after creation.
  *
  * One slot is always left empty: a ring of `count` slots holds at most
- * `count` - 1 objects.
+ * `count` - 1 objects. The object arrays given to the calls must not lie
+ * inside the ring's own memory.
  *
  * Results: 0 success; -105 no room (ENOBUFS); -122 stored, but the ring is
  * now above its watermark (EDQUOT); -2 nothing to take (ENOENT); -1 a NULL
