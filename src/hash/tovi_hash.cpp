@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <sys/mman.h>
 
+// The exported functions themselves are defined here: no macro for them.
+#define TOVI_HASH_NO_INLINE
 #include "tovi_hash.h"
 #include "tovi_hash.hpp"
 #include "tovi_list.hpp"
@@ -49,10 +51,7 @@ tovi_hash_node_s *as_node(Node *n)
 
 Node *bucket_of(const tovi_hash_table_s *table, uint32_t key32, uint64_t key64)
 {
-    // The mask changes nothing for pow >= 1 and keeps a one-bucket table
-    // (pow 0, whose hash is the whole product) inside its array.
-    uint32_t index = tovi::hash::hash_func(key32, key64, table->pow) & (table->bucketCount - 1);
-    return as_list(&table->buckets[index]);
+    return as_list(tovi_hash_inl_bucket_(table, key32, key64));
 }
 
 // A lookup's first miss is its bucket head; in a bucket array of several
@@ -69,15 +68,7 @@ void advise_huge(void *mem, std::size_t size)
 
 tovi_hash_node_s *find_in(Node *head, uint32_t key32, uint64_t key64)
 {
-    for (Node *n = head->next; n != head; n = n->next) {
-        // Start the next node's miss now rather than after a compare the
-        // processor guessed would match.
-        __builtin_prefetch(n->next);
-        tovi_hash_node_s *node = as_node(n);
-        if (node->key32 == key32 && node->key64 == key64)
-            return node;
-    }
-    return nullptr;
+    return tovi_hash_inl_find_(reinterpret_cast<tovi_hash_list_s *>(head), key32, key64);
 }
 
 // Unlinks a node (reporting broken neighbours, going on regardless) and

@@ -116,6 +116,76 @@ TOVI_API void *tovi_hash_malloc(tovi_hash_attr_s *attr, size_t size);
  * has no free callback, else the attribute's free. */
 TOVI_API void tovi_hash_free(tovi_hash_attr_s *attr, void *mem);
 
+/* ---- Inline search ----
+ *
+ * tovi_hash_search is also a macro that runs the search here, in the caller,
+ * with the same results: a lookup is two dependent cache misses (the bucket
+ * head, then the node), and a processor overlaps more lookups when each
+ * carries fewer instructions. The table header, the bucket heads, the node
+ * links and keys and the hash below are therefore part of the interface (see
+ * the layout rule of the ring's header). (tovi_hash_search)(...) or a
+ * function pointer reaches the exported function. Defining
+ * TOVI_HASH_NO_INLINE before including this header leaves the macro out. */
+
+/** @cond INTERNAL */
+#ifdef __cplusplus
+#define TOVI_HASH_ASSERT(c, m) static_assert(c, m)
+#else
+#define TOVI_HASH_ASSERT(c, m) _Static_assert(c, m)
+#endif
+TOVI_HASH_ASSERT(sizeof(tovi_hash_list_s) == 16 && __builtin_offsetof(tovi_hash_node_s, key64) == 16 &&
+                     __builtin_offsetof(tovi_hash_node_s, key32) == 24,
+                 "node links and keys");
+TOVI_HASH_ASSERT(__builtin_offsetof(tovi_hash_table_s, bucketCount) == 8 &&
+                     __builtin_offsetof(tovi_hash_table_s, pow) == 12,
+                 "table header");
+#undef TOVI_HASH_ASSERT
+/** @endcond */
+
+/** The hash: the top `pow` bits of the product of a multiplier with the word
+ * of key32 (high half) and the low half of key64. With pow 0 the shift is 0
+ * and the whole low half of the product comes back. */
+static inline __attribute__((always_inline)) uint32_t tovi_hash_inl_hash_(uint32_t key32, uint64_t key64, uint8_t pow)
+{
+    const uint64_t word = ((uint64_t)key32 << 32) | (key64 & 0xFFFFFFFFu);
+    return (uint32_t)((word * 0x9e37fffffffc0001ULL) >> ((64u - pow) & 63u));
+}
+
+/** The bucket of these keys. The mask changes nothing for pow >= 1 and keeps
+ * a one-bucket table (pow 0) inside its array. */
+static inline __attribute__((always_inline)) tovi_hash_list_s *tovi_hash_inl_bucket_(const tovi_hash_table_s *table,
+                                                                                   uint32_t key32, uint64_t key64)
+{
+    return &table->buckets[tovi_hash_inl_hash_(key32, key64, table->pow) & (table->bucketCount - 1)];
+}
+
+/** The node of the bucket `head` with both keys equal, or NULL. */
+static inline __attribute__((always_inline)) tovi_hash_node_s *tovi_hash_inl_find_(tovi_hash_list_s *head,
+                                                                                 uint32_t key32, uint64_t key64)
+{
+    for (tovi_hash_list_s *n = head->next; n != head; n = n->next) {
+        tovi_hash_node_s *node = (tovi_hash_node_s *)n;
+        if (node->key32 == key32 && node->key64 == key64)
+            return node;
+    }
+    return 0;
+}
+
+/** The search behind the macro tovi_hash_search. */
+static inline __attribute__((always_inline)) int32_t tovi_hash_inl_search(tovi_hash_table_s *table, uint32_t key32,
+                                                                        uint64_t key64, tovi_hash_node_s **node)
+{
+    if (__builtin_expect(table == 0 || node == 0, 0))
+        return (tovi_hash_search)(table, key32, key64, node);
+    *node = tovi_hash_inl_find_(tovi_hash_inl_bucket_(table, key32, key64), key32, key64);
+    return *node != 0 ? 0 : -1;
+}
+
+#ifndef TOVI_HASH_NO_INLINE
+/** The inline form of the exported call of the same name, same results. */
+#define tovi_hash_search(table, key32, key64, node) tovi_hash_inl_search((table), (key32), (key64), (node))
+#endif
+
 TOVI_EXTERN_C_END
 
 #endif

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "tovi_hash.h"
+
 namespace tovi::hash {
 
 // floor(log2(count)); 0 for count below 2.
@@ -23,12 +25,10 @@ constexpr uint32_t hash_pow(uint8_t p)
 }
 
 // Multiplicative hash of key32 (high half) and the low half of key64: the
-// top `pow` bits of the product. With pow 0 the shift is 0 and the whole low
-// half of the product comes back, so the table masks it to its bucket count.
-constexpr uint32_t hash_func(uint32_t key32, uint64_t key64, uint8_t pow)
+// top `pow` bits of the product (the inline search's, tovi_hash.h).
+inline uint32_t hash_func(uint32_t key32, uint64_t key64, uint8_t pow)
 {
-    uint64_t word = (uint64_t{key32} << 32) | (key64 & 0xFFFFFFFFu);
-    return static_cast<uint32_t>((word * 0x9e37fffffffc0001ULL) >> ((64u - pow) & 63u));
+    return tovi_hash_inl_hash_(key32, key64, pow);
 }
 
 }  // namespace tovi::hash
