@@ -122,8 +122,9 @@ TOVI_API void tovi_hash_free(tovi_hash_attr_s *attr, void *mem);
  * with the same results: a lookup is two dependent cache misses (the bucket
  * head, then the node), and a processor overlaps more lookups when each
  * carries fewer instructions. The table header, the bucket heads, the node
- * links and keys and the hash below are therefore part of the interface (see
- * the layout rule of the ring's header). (tovi_hash_search)(...) or a
+ * links and keys and the hash below are therefore part of the interface: a
+ * change to them is an incompatible change of the library (new SONAME); the
+ * static assertions pin the offsets. (tovi_hash_search)(...) or a
  * function pointer reaches the exported function. Defining
  * TOVI_HASH_NO_INLINE before including this header leaves the macro out. */
 
@@ -133,10 +134,13 @@ TOVI_API void tovi_hash_free(tovi_hash_attr_s *attr, void *mem);
 #else
 #define TOVI_HASH_ASSERT(c, m) _Static_assert(c, m)
 #endif
-TOVI_HASH_ASSERT(sizeof(tovi_hash_list_s) == 16 && __builtin_offsetof(tovi_hash_node_s, key64) == 16 &&
+TOVI_HASH_ASSERT(sizeof(tovi_hash_list_s) == 16 && __builtin_offsetof(tovi_hash_node_s, next) == 0 &&
+                     __builtin_offsetof(tovi_hash_node_s, prev) == 8 &&
+                     __builtin_offsetof(tovi_hash_node_s, key64) == 16 &&
                      __builtin_offsetof(tovi_hash_node_s, key32) == 24,
                  "node links and keys");
-TOVI_HASH_ASSERT(__builtin_offsetof(tovi_hash_table_s, bucketCount) == 8 &&
+TOVI_HASH_ASSERT(__builtin_offsetof(tovi_hash_table_s, buckets) == 0 &&
+                     __builtin_offsetof(tovi_hash_table_s, bucketCount) == 8 &&
                      __builtin_offsetof(tovi_hash_table_s, pow) == 12,
                  "table header");
 #undef TOVI_HASH_ASSERT
