@@ -8,6 +8,7 @@
 
 #include "child.hpp"
 #include "log_capture.hpp"
+#include "poll.hpp"
 #include "tovi_affinity.h"
 #include "tovi_cfg.h"
 #include "tovi_init.h"
@@ -59,7 +60,9 @@ TEST(Affinity, LevelOfTheDataProcessBindsTheTimerThread)
         for (int cpu = 0; cpu < 2; ++cpu)
             if (CPU_ISSET(cpu, &allowed))
                 CPU_SET(cpu, &want);
-        const pid_t timer = thread_named("tovi_run_timers");
+        // The thread names itself once it runs; the binding is done before tovi_Init returns.
+        pid_t timer = 0;
+        tovi::test::wait_for([&] { return (timer = thread_named("tovi_run_timers")) != 0; });
         CHILD_CHECK(timer != 0 && sched_getaffinity(timer, sizeof got, &got) == 0 && CPU_EQUAL(&got, &want));
         CHILD_CHECK(tovi_set_thread_affinity(pthread_self(), "affinity_level_2") == 0);
         CHILD_CHECK(tovi_set_thread_affinity(pthread_self(), nullptr) == TOVI_ERR);
