@@ -86,7 +86,9 @@ void tovi_parse_affinity_value(const char *text, tovi_affinity_level_s *level)
     if (text == nullptr || level == nullptr)
         return;
     for (const char *p = text;;) {
-        unsigned long cpu = std::strtoul(p, nullptr, 10);
+        // An empty piece (an empty list, ",," or a trailing ',') names no
+        // CPU: read as a number it would bind the level to CPU 0 alone.
+        unsigned long cpu = *p != ',' && *p != '\0' ? std::strtoul(p, nullptr, 10) : kSetBits;
         if (cpu < kSetBits)
             level->cpuSet[cpu / 64] |= 1ULL << (cpu % 64);
         const char *comma = std::strchr(p, ',');

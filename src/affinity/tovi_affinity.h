@@ -41,7 +41,8 @@ TOVI_API int32_t tovi_affinity_exit(void);
  * the item is missing or the name does not fit. */
 TOVI_API uint32_t tovi_parse_affinity_level(const char *name, tovi_affinity_level_s *level);
 
-/** Sets the CPUs of a list of decimal numbers in the level's set. */
+/** Sets the CPUs of a list of decimal numbers in the level's set; empty
+ * pieces name no CPU. */
 TOVI_API void tovi_parse_affinity_value(const char *text, tovi_affinity_level_s *level);
 
 /** The level of that name, or NULL (also before the level was read). */
