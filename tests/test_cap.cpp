@@ -80,6 +80,8 @@ TEST(Cap, LeaveRootKeepingASet)
         tovi_cap_set_s s;
         CHILD_CHECK(tovi_cap_get(&s) == 0 && (s.permitted & bit(CAP_SYS_ADMIN)) != 0 && s.effective == s.permitted);
         CHILD_CHECK(tovi_cap_run_without_root(0, 0, "") == -EINVAL);
+        CHILD_CHECK(tovi_cap_drop_to("cap_setuid,cap_setgid,cap_setpcap,cap_net_admin,cap_net_bind_service") == 0);
+        CHILD_CHECK(tovi_cap_run_without_root(1, 1, "cap_sys_admin") == -EPERM && prctl(PR_CAPBSET_READ, CAP_CHOWN) == 1);
         CHILD_CHECK(tovi_cap_run_without_root(1, 1, "cap_net_admin,cap_net_bind_service") == 0);
         CHILD_CHECK(getuid() == 1 && geteuid() == 1 && getgid() == 1);
         CHILD_CHECK(tovi_cap_get(&s) == 0 && s.permitted == (bit(CAP_NET_ADMIN) | bit(CAP_NET_BIND_SERVICE)));
@@ -90,7 +92,7 @@ TEST(Cap, LeaveRootKeepingASet)
         CHILD_CHECK(tovi_cap_drop_to("cap_net_admin") == -EPERM);
         CHILD_CHECK(tovi_cap_setuid_keep(1, 1, "cap_sys_admin") == -EPERM);
         CHILD_CHECK(tovi_cap_get(&s) == 0 && s.permitted == bit(CAP_NET_BIND_SERVICE));
-        const std::vector<std::string> want{"cap: cannot run as uid 0 keeping ''.",
+        const std::vector<std::string> want{"cap: cannot run as uid 0 keeping ''.", "cap: cap_sys_admin not permitted.",
                                             "cap: running as uid 1 gid 1 keeping cap_net_admin,cap_net_bind_service.",
                                             "cap: cap_net_admin not permitted.", "cap: cap_sys_admin not permitted."};
         CHILD_CHECK(log.texts() == want);

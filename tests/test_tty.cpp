@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -29,6 +30,8 @@ TEST(Tty, SwitchToATerminalAndBack)
     const std::string pts = ptsname(master);
     char file[] = "/tmp/tovi_tty_XXXXXX";
     ASSERT_EQ(close(mkstemp(file)), 0);
+    const std::string fifo = file + std::string(".fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
 
     tovi::test::LogCapture log;
     const int out_before = fcntl(STDOUT_FILENO, F_GETFD);
@@ -36,15 +39,17 @@ TEST(Tty, SwitchToATerminalAndBack)
     EXPECT_EQ(tovi_tty_restore(&saved), -EINVAL);
     EXPECT_EQ(tovi_tty_redirect(file, &saved), -ENOTTY);
     EXPECT_EQ(tovi_tty_redirect("/nonexistent/tty", &saved), -ENOENT);
+    EXPECT_EQ(tovi_tty_redirect(fifo.c_str(), &saved), -ENXIO);  // no reader: refused, not waited for
     std::printf("before ");  // buffered: must land on the original output, not the terminal
     ASSERT_EQ(tovi_tty_redirect(pts.c_str(), &saved), 0);
     const int busy = tovi_tty_redirect(pts.c_str(), &saved);
+    const int nonblock = fcntl(STDOUT_FILENO, F_GETFL) & O_NONBLOCK;
     std::printf("to out\n");
     std::fprintf(stderr, "to err\n");
     const tovi_tty_saved_s held = saved;
     const int cloexec = fcntl(held.out, F_GETFD) & fcntl(held.err, F_GETFD) & FD_CLOEXEC;
     ASSERT_EQ(tovi_tty_restore(&saved), 0);
-    EXPECT_TRUE(busy == -EBUSY && cloexec != 0 && saved.active == 0);
+    EXPECT_TRUE(busy == -EBUSY && cloexec != 0 && nonblock == 0 && saved.active == 0);
     EXPECT_EQ(fcntl(held.out, F_GETFD), -1);  // the duplicate is closed
     EXPECT_EQ(fcntl(STDOUT_FILENO, F_GETFD), out_before);
     // Standard output stays fully buffered (it was not a terminal at its first
@@ -52,7 +57,9 @@ TEST(Tty, SwitchToATerminalAndBack)
     EXPECT_EQ(drain(master), "to err\r\nto out\r\n");
     EXPECT_EQ(log.texts(), (std::vector<std::string>{std::string("tty: ") + file + " is not a terminal.",
                                                       "tty: cannot open /nonexistent/tty (No such file or directory).",
+                                                      "tty: cannot open " + fifo + " (No such device or address).",
                                                       "tty: output sent to " + pts + ".", "tty: output restored."}));
     close(master);
     unlink(file);
+    unlink(fifo.c_str());
 }

@@ -186,6 +186,9 @@ TOVI_API int tovi_cap_run_without_root(uint32_t uid, uint32_t gid, const char *k
         TOVI_LOG(tovi::log::kError, "cap: cannot run as uid %u keeping '%s'.", uid, keep != nullptr ? keep : "(null)");
         return -EINVAL;
     }
+    // Refused before anything changes: the bounding set cannot be refilled.
+    if (int rc = permitted_mask(keep, &mask); rc != 0)
+        return rc;
     // Out of the bounding set, no later program can bring a capability back.
     for (cap_value_t c = 0; c < last_cap(); ++c) {
         if ((mask & (1ull << c)) == 0 && cap_drop_bound(c) != 0 && errno != EINVAL) {

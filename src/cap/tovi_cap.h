@@ -55,7 +55,8 @@ TOVI_API int tovi_cap_drop_to(const char *names);
  * and permitted sets: 0, -22, -1 or the failed call's negated errno. */
 TOVI_API int tovi_cap_setuid_keep(uint32_t uid, uint32_t gid, const char *names);
 
-/** Leaves root for `uid`/`gid` for good keeping `keep`: removes every other
+/** Leaves root for `uid`/`gid` for good keeping `keep`: refuses (-1, nothing
+ * changed) when `keep` is not all permitted, removes every other
  * capability from the bounding set, changes ids as tovi_cap_setuid_keep
  * does and checks that root cannot be taken back (unless cap_setuid is
  * kept). Logs "cap: running as uid %u gid %u keeping %s." at level 6. */

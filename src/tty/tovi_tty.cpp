@@ -36,7 +36,16 @@ TOVI_API int tovi_tty_redirect(const char *device, tovi_tty_saved_s *saved)
         return -EBUSY;
     if (device == nullptr)
         device = TOVI_TTY_CONSOLE;
-    const int fd = open(device, O_WRONLY | O_NOCTTY | O_CLOEXEC);
+    // Opened without waiting: a serial line would wait for its carrier and
+    // a FIFO for a reader. Blocking again before the switch, as the status
+    // flags are shared with descriptors 1 and 2.
+    int fd = open(device, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    if (fd >= 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
+        const int err = errno;
+        close(fd);
+        fd = -1;
+        errno = err;
+    }
     if (fd < 0) {
         const int err = errno;
         TOVI_LOG(tovi::log::kError, "tty: cannot open %s (%s).", device, std::strerror(err));

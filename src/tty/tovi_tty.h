@@ -12,7 +12,8 @@
  *
  * Results (negated errno family): 0; -22 a NULL record or a restore without
  * a redirect; -16 the record already holds a redirect; -25 the device is
- * not a terminal; the open's negated errno otherwise. Messages:
+ * not a terminal; the open's negated errno otherwise (the device is opened
+ * without waiting: -6 for a FIFO without a reader). Messages:
  * "tty: output sent to %s." and "tty: output restored." (level 6),
  * "tty: %s is not a terminal." and "tty: cannot open %s (%s)." (level 3).
  */

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <mxml.h>
@@ -30,10 +31,13 @@ constexpr const char *kDocument = "#document";
 
 thread_local bool t_parse_failed = false;
 
+// The parser ends most of its messages with a full stop of its own.
 void parse_error(const char *message)
 {
     t_parse_failed = true;
-    TOVI_LOG(tovi::log::kError, "xml: %s.", message);
+    const size_t len = std::strlen(message);
+    const int shown = static_cast<int>(len > 0 && message[len - 1] == '.' ? len - 1 : len);
+    TOVI_LOG(tovi::log::kError, "xml: %.*s.", shown, message);
 }
 
 bool is_element(mxml_node_t *node)
@@ -64,9 +68,15 @@ TOVI_API tovi_xml_node_s *tovi_xml_loadfd(int fd)
     // The parser keeps its error hook per thread: set it on every load.
     mxmlSetErrorCallback(parse_error);
     t_parse_failed = false;
-    if (mxmlLoadFd(doc, fd, MXML_OPAQUE_CALLBACK) == nullptr || element_from(mxmlGetFirstChild(doc)) == nullptr) {
-        if (!t_parse_failed)
+    const bool loaded = mxmlLoadFd(doc, fd, MXML_OPAQUE_CALLBACK) != nullptr;
+    const bool element = element_from(mxmlGetFirstChild(doc)) != nullptr;
+    if (!loaded || !element) {
+        // The parser gives up without a word on empty input, on a read error
+        // and on input that ends inside a tag.
+        if (!t_parse_failed && !element)
             TOVI_LOG(tovi::log::kError, "xml: no element in the document.");
+        else if (!t_parse_failed)
+            TOVI_LOG(tovi::log::kError, "xml: the document is cut short or unreadable.");
         mxmlDelete(doc);
         return nullptr;
     }
@@ -77,9 +87,18 @@ TOVI_API tovi_xml_node_s *tovi_xml_loadfile(const char *path)
 {
     if (path == nullptr)
         return nullptr;
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        const int err = errno;
+    // Opened without waiting, so that a FIFO without a writer cannot hang
+    // the caller (it reads as empty), then read as usual.
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat st;
+    int err = 0;
+    if (fd < 0 || fstat(fd, &st) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
+        err = errno;
+    else if (S_ISDIR(st.st_mode))
+        err = EISDIR;
+    if (err != 0) {
+        if (fd >= 0)
+            close(fd);
         TOVI_LOG(tovi::log::kError, "xml: cannot open %s: %s.", path, std::strerror(err));
         return nullptr;
     }

@@ -38,10 +38,14 @@ typedef struct tovi_xml_node_s tovi_xml_node_s;
 #define TOVI_XML_DESCEND_FIRST (-1)
 
 /** Reads `fd` to its end and returns the document, or NULL when it is not
- * well-formed or holds no element ("xml: no element in the document."). */
+ * well-formed, holds no element or cannot be read ("xml: no element in the
+ * document.") or stops inside a tag after an element ("xml: the document is
+ * cut short or unreadable."). */
 TOVI_API tovi_xml_node_s *tovi_xml_loadfd(int fd);
 
-/** Opens `path` and loads it as tovi_xml_loadfd does; NULL also when it cannot be opened. */
+/** Opens `path` and loads it as tovi_xml_loadfd does; NULL also when it
+ * cannot be opened or is a directory ("xml: cannot open <path>: <reason>.").
+ * A FIFO is read without waiting for a writer: without one it is empty. */
 TOVI_API tovi_xml_node_s *tovi_xml_loadfile(const char *path);
 
 /** Releases a tree returned by a load function, whole; NULL is ignored. */

@@ -1,7 +1,8 @@
 // A stand-in "hwclock" for hosts without the platform's clock module: the
 // simulated clock of tovi_rtcsim.h, kept in the file $TOVI_RTCSIM_STATE
-// (started from the system time when the file does not exist yet). Tests
-// put its directory first on PATH; it is not installed.
+// (started from the system time when the file does not exist yet). The
+// time-zone test's recording hwclock hands commands on to it; it is not
+// installed.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
