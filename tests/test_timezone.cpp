@@ -319,7 +319,7 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
         CHILD_CHECK(write_file("/tmp/tdc-zone", "America/Chicago") && tovi_zonename_get(name) == 0 && std::string(name) == "America/Chicago");
         CHILD_CHECK(tovi_zonename_get_by_sysconfig(name, sizeof name) == -1 && write_file("/etc/sysconfig/clock", "ZONE=x\nDEFAULT_TIMEZONE=\"Europe/Rome\"\n") &&
                     tovi_zonename_get_by_sysconfig(name, sizeof name) == 0 && std::string(name) == "Europe/Rome");
-        CHILD_CHECK(tovi_timezone_set("Nowhere/City") == -2 && tovi_timezone_set("a;b") == -22);
+        CHILD_CHECK(tovi_timezone_set("Nowhere/City") == -2 && tovi_timezone_set("a;b") == -22 && tovi_timezone_set(std::string(600, 'a').c_str()) == -1);
         CHILD_CHECK(write_file("/tmp/tdc-ok", "") && tovi_timezone_set("Asia/Seoul") == 0 && unlink("/tmp/tdc-ok") == 0);
         CHILD_CHECK(unlink("/etc/localtime") == 0 && tovi_timezone_set("Asia/Tokyo") == -2);
         CHILD_CHECK(calls("timedatectl set") == "timedatectl set-timezone Asia/Tokyo\ntimedatectl set-timezone Nowhere/City\n"
@@ -331,7 +331,8 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
         CHILD_CHECK(calls("hwclock") == rtc + sys + sys + sys);
         CHILD_CHECK(write_file("/tmp/hw-fail", "9") && tovi_time_settime(&last) == -1 && calls("hwclock") == rtc + sys + sys + sys + sys);
         CHILD_CHECK(cap.texts() == Texts({"Result of Timedatectl is null.", "Zonename_get_by_sysconfig failed,  return -1.", "Cannot find /usr/share/zoneinfo/Nowhere/City timezone file.",
-                                          "Param error: pscTimeZoneName(a;b) is dangerous.", "timedatectl cmd success.",
+                                          "Param error: pscTimeZoneName(a;b) is dangerous.",
+                                          "snprintf_s secure function failed, destMax<512>, count<511>.", "timedatectl cmd success.",
                                           "Cannot find /etc/localtime file.", "Input time param is error.", "Input time param is error.",
                                           "Sync time from RTC to system failed, return value is 256."}));
         return std::string();

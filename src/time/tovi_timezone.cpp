@@ -70,7 +70,11 @@ int32_t tovi_timezone_set(const char *zone)
         return -22;
     }
     char cmd[512];
-    snprintf_s(cmd, sizeof cmd, "timedatectl set-timezone %s", zone);
+    // The buffer is emptied when the name does not fit, and an empty command succeeds.
+    if (snprintf_s(cmd, sizeof cmd, "timedatectl set-timezone %s", zone) < 0) {
+        TOVI_LOG(kError, "snprintf_s secure function failed, destMax<%lu>, count<%lu>.", sizeof cmd, sizeof cmd - 1);
+        return -1;
+    }
     if (tovi_system_s(cmd, nullptr) == 0) {
         TOVI_LOG(kInfo, "timedatectl cmd success.");
         tzset();
