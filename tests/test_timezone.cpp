@@ -302,8 +302,12 @@ TEST(Timezone, ZoneChainUnderPrivateRoot)
                     std::string(begin) + "|" + end == "03-29 02:00:00|10-25 03:00:00" && offset == 60);
         CHILD_CHECK(calls() == "querydstinfoforcurrentyear Europe/Berlin " + year + "\nquerydstinfoforregion Europe/Berlin\n");
         CHILD_CHECK(tovi_time_settz("UTC") == 0 && tovi_time_getlocal_fromutc(1000) == 1000 + 19800);
+        // A cache that is no file keeps the table last pushed (a FIFO must not hold the push up).
+        CHILD_CHECK(mkfifo("/var/run/timezone/Asia_Tokyo", 0600) == 0 && tovi_time_settz("Asia/Tokyo") == 0 &&
+                    tovi_time_getlocal_fromutc(1000) == 1000 + 19800 && tovi_time_query_dstforregion(std::string(250, 'x').c_str(), &offset) == -1);
         CHILD_CHECK(write_file("/tmp/fail-settimezone", "") && tovi_time_settz("Asia/Tokyo") == -1 && tovi_time_query_dstforregion("a;b", &offset) == -1);
-        CHILD_CHECK(cap.texts() == Texts({"Set timezone failed, return value is 768.", "Set timezone failed, return value is -1.",
+        CHILD_CHECK(cap.texts() == Texts({"sync_timezone_to_kernel: read_timezone_file fail, -1.", "snprintf_s secure function failed, destMax<256>, count<255>.",
+                                          "Set timezone failed, return value is 768.", "Set timezone failed, return value is -1.",
                                           "Input param timeZoneName is invalid."}));
         return std::string();
     });
@@ -319,9 +323,9 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
                     std::string(link) == "/usr/share/zoneinfo/Asia/Tokyo");
         CHILD_CHECK(tovi_zonename_get(name) == 0 && std::string(name) == "Asia/Tokyo");
         CHILD_CHECK(write_file("/tmp/tdc-zone", "America/Chicago") && tovi_zonename_get(name) == 0 && std::string(name) == "America/Chicago");
-        CHILD_CHECK(write_file("/etc/sysconfig/clock", "ZONE=x\nDEFAULT_TIMEZONE=\"Europe/Rome\"\n") &&
+        CHILD_CHECK(tovi_zonename_get_by_sysconfig(name, sizeof name) == -1 && write_file("/etc/sysconfig/clock", "ZONE=x\nDEFAULT_TIMEZONE=\"Europe/Rome\"\n") &&
                     tovi_zonename_get_by_sysconfig(name, sizeof name) == 0 && std::string(name) == "Europe/Rome");
-        CHILD_CHECK(tovi_timezone_set("Nowhere/City") == -2 && tovi_timezone_set("a;b") == -22);
+        CHILD_CHECK(tovi_timezone_set("Nowhere/City") == -2 && tovi_timezone_set("a;b") == -22 && tovi_timezone_set(std::string(600, 'a').c_str()) == -1);
         CHILD_CHECK(write_file("/tmp/tdc-ok", "") && tovi_timezone_set("Asia/Seoul") == 0 && unlink("/tmp/tdc-ok") == 0);
         CHILD_CHECK(unlink("/etc/localtime") == 0 && tovi_timezone_set("Asia/Tokyo") == -2);
         CHILD_CHECK(calls("timedatectl set") == "timedatectl set-timezone Asia/Tokyo\ntimedatectl set-timezone Nowhere/City\n"
@@ -336,8 +340,9 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
         CHILD_CHECK(tovi_rtcsim_load(&clock, "/tmp/rtc") == 0 && clock.utc == last && clock.hctosys >= last && clock.hctosys < last + 60);
 #endif
         CHILD_CHECK(write_file("/tmp/hw-fail", "9") && tovi_time_settime(&last) == -1 && calls("hwclock") == rtc + sys + sys + sys + sys);
-        CHILD_CHECK(cap.texts() == Texts({"Result of Timedatectl is null.", "Cannot find /usr/share/zoneinfo/Nowhere/City timezone file.",
-                                          "Param error: pscTimeZoneName(a;b) is dangerous.", "timedatectl cmd success.",
+        CHILD_CHECK(cap.texts() == Texts({"Result of Timedatectl is null.", "Zonename_get_by_sysconfig failed,  return -1.", "Cannot find /usr/share/zoneinfo/Nowhere/City timezone file.",
+                                          "Param error: pscTimeZoneName(a;b) is dangerous.",
+                                          "snprintf_s secure function failed, destMax<512>, count<511>.", "timedatectl cmd success.",
                                           "Cannot find /etc/localtime file.", "Input time param is error.", "Input time param is error.",
                                           "Sync time from RTC to system failed, return value is 256."}));
         return std::string();

@@ -130,7 +130,9 @@ int32_t time_get_localtimeInfo(uint64_t utc, DstFacts *facts)
         return -1;
     }
     facts->local = static_cast<int64_t>(utc) + tm.tm_gmtoff;
-    std::strftime(facts->date, sizeof facts->date, "%Y-%m-%d %H:%M:%S", &tm);
+    // A year past 9999 does not fit: an empty date is then too short to be in DST.
+    if (std::strftime(facts->date, sizeof facts->date, "%Y-%m-%d %H:%M:%S", &tm) == 0)
+        facts->date[0] = '\0';
     char utcoff[32], zone[64], style[32];
     uint32_t reserved = 0;
     if (tovi_time_gettz(utcoff, zone, style) != 0 || tovi_time_query_dstforregion(m_ascTimeZoneName, &facts->flag) != 0 ||

@@ -56,6 +56,14 @@ int32_t read_cmd_shell(FILE *f, char *out, uint32_t outLen)
 // into a 256-byte output buffer.
 int32_t run_script(char (&out)[kCmdMax], const char *cmd) { return time_popen_shell(cmd, out, sizeof out); }
 
+// A zone name too long for the command line: reported, and nothing is run
+// (the buffer is left empty, which the shell would take for a command).
+int32_t cmd_too_long(size_t destMax)
+{
+    TOVI_LOG(tovi::log::kError, "snprintf_s secure function failed, destMax<%lu>, count<%lu>.", destMax, destMax - 1);
+    return -1;
+}
+
 int32_t local_now(std::tm *tm)
 {
     time_t now = time(nullptr);
@@ -261,7 +269,8 @@ int32_t tovi_time_query_dstforregion(const char *zone, uint32_t *dstFlag)
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax];
-    snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone);
+    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone) < 0)
+        return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
         TOVI_LOG(tovi::log::kError, "Get DST info failed, return value is %d.", rc);
@@ -283,7 +292,8 @@ int32_t tovi_time_query_dstconfinfoforregion(const char *zone, char *begin, char
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax] = "";
-    snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone);
+    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone) < 0)
+        return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
         TOVI_LOG(tovi::log::kError, "Get DST config info failed, return value is %d.", rc);
@@ -309,7 +319,9 @@ int32_t tovi_time_query_dstconfforregion(const char *zone, tovi_dst_rules_s *rul
     std::tm tm{};
     local_now(&tm);
     char cmd[kCmdMax], out[kCmdMax];
-    snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone, tm.tm_year + 1900);
+    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone,
+                   tm.tm_year + 1900) < 0)
+        return cmd_too_long(sizeof cmd);
     if (run_script(out, cmd) != 0) {
         TOVI_LOG(tovi::log::kError, "Get DST config info failed.");
         return -1;

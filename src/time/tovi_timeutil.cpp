@@ -1,5 +1,9 @@
 // The zdump reader and the kernel zone table's fill rules.
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <safe_str_lib.h>
 
@@ -76,6 +80,21 @@ bool table_add(tovi_tz_table_s *table, const ZdumpLine &line)
         return false;
     table->transition[table->count++] = tovi_tz_transition_s{t, line.gmtoff, {}};
     return t <= kTableEnd;
+}
+
+FILE *open_regular(const char *path)
+{
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    struct stat st {};
+    int fl = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? fcntl(fd, F_GETFL) : -1;
+    FILE *f = fl >= 0 && fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) == 0 ? fdopen(fd, "r") : nullptr;
+    if (f == nullptr) {
+        close(fd);
+        errno = EINVAL;
+    }
+    return f;
 }
 
 bool cache_path(const char *zone, char *path, size_t size)

@@ -10,7 +10,6 @@
 
 #include "tovi_fileops.h"
 #include "tovi_process.h"
-#include "tovi_scope.hpp"
 #include "tovi_timezone.hpp"
 #define TOVI_LOG_SOURCE "tovi_timezone"
 #include "tovi_log.hpp"
@@ -71,7 +70,11 @@ int32_t tovi_timezone_set(const char *zone)
         return -22;
     }
     char cmd[512];
-    snprintf_s(cmd, sizeof cmd, "timedatectl set-timezone %s", zone);
+    // The buffer is emptied when the name does not fit, and an empty command succeeds.
+    if (snprintf_s(cmd, sizeof cmd, "timedatectl set-timezone %s", zone) < 0) {
+        TOVI_LOG(kError, "snprintf_s secure function failed, destMax<%lu>, count<%lu>.", sizeof cmd, sizeof cmd - 1);
+        return -1;
+    }
     if (tovi_system_s(cmd, nullptr) == 0) {
         TOVI_LOG(kInfo, "timedatectl cmd success.");
         tzset();
@@ -113,7 +116,7 @@ int32_t tovi_zonename_get_shell(char *buf)
         TOVI_LOG(kError, "Get timezone failed, return value is %d.", rc);
         return -1;
     }
-    FILE *f = std::fopen(kZoneConf, "re");
+    FILE *f = tovi::timezone::open_regular(kZoneConf);
     if (f == nullptr) {
         TOVI_LOG(kError, "Open timezone config file (%s) failed.", kZoneConf);
         return -1;
@@ -180,26 +183,25 @@ int32_t tovi_zonename_get_by_soft_link(char *buf, uint32_t len)
 
 int32_t tovi_zonename_get_by_sysconfig(char *buf, uint32_t len)
 {
-    if (buf == nullptr)
-        return -1;
-    FILE *f = std::fopen("/etc/sysconfig/clock", "re");
-    if (f == nullptr)
-        return -1;
-    tovi::ScopeExit close_file([f] { std::fclose(f); });
+    // Any way this source fails is reported: it is the last one asked.
+    int rc = -1;
+    FILE *f = buf != nullptr ? tovi::timezone::open_regular("/etc/sysconfig/clock") : nullptr;
     char line[256];
-    while (std::fgets(line, sizeof line, f) != nullptr) {
+    while (f != nullptr && std::fgets(line, sizeof line, f) != nullptr) {
         char *first = std::strchr(line, '"'), *last = std::strrchr(line, '"');
         if (std::strstr(line, "DEFAULT_TIMEZONE") == nullptr || first == nullptr || first == last)
             continue;
         *last = '\0';
-        int rc = snprintf_s(buf, len, "%s", first + 1);
-        if (rc < 0) {
-            TOVI_LOG(kError, "Zonename_get_by_sysconfig failed,  return %d.", rc);
-            return -1;
-        }
-        return 0;
+        rc = snprintf_s(buf, len, "%s", first + 1);
+        break;
     }
-    return -1;
+    if (f != nullptr)
+        std::fclose(f);
+    if (rc < 0) {
+        TOVI_LOG(kError, "Zonename_get_by_sysconfig failed,  return %d.", rc);
+        return -1;
+    }
+    return 0;
 }
 
 int32_t tovi_zonename_get(char *buf)

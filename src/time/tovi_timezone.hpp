@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 
 #include "tovi_timezone.h"
@@ -45,6 +46,11 @@ bool table_add(tovi_tz_table_s *table, const ZdumpLine &line);
 // The cache file of a zone: "/var/run/timezone/<name>" with '/' after the
 // first 17 characters turned into '_'. False when it does not fit.
 bool cache_path(const char *zone, char *path, size_t size);
+
+// Opens a regular file to read ("re"); NULL (errno set) for anything else:
+// a FIFO with no writer would hold the caller up for good, a directory
+// reads as an empty file.
+FILE *open_regular(const char *path);
 
 // Seconds since 1970 of a broken-down UTC time (no zone data).
 int64_t utc_seconds(const std::tm &tm);
