@@ -23,4 +23,17 @@ for deb in "$out"/*.deb; do
     dpkg-deb -x "$deb" "$out/root"
 done
 echo "package: built $(cd "$out" && echo *.deb)"
+# An application's test links libtovi-testkit with the libraries its .pc file
+# names: libtovi-dev depends on the package of each one's development link,
+# and the package build asks for it (the C and C++ run-times aside).
+depends=$(dpkg-deb -f "$out"/libtovi-dev_*.deb Depends)
+builddeps=$(sed -n '/^Build-Depends:/,/^[A-Z][A-Za-z-]*: /p' debian/control)
+for lib in $(sed -n 's/^Libs: //p' "$out"/root/usr/lib/*/pkgconfig/libtovi-testkit.pc | grep -o -- '-l[^ ]*' | cut -c3-); do
+    owner=$(dpkg -S "$(realpath -s "$(cc -print-file-name="lib$lib.so")")" 2>/dev/null | cut -d: -f1) || continue
+    case $owner in libstdc++-*-dev) continue ;; esac
+    for field in "$depends" "$builddeps"; do
+        grep -Eq "(^|[ ,])$owner([ ,(]|\$)" <<<"$field" ||
+            { echo "package: -l$lib needs $owner, missing in libtovi-dev's Depends or Build-Depends" >&2; exit 1; }
+    done
+done
 examples/check.sh "$out/root/usr"
