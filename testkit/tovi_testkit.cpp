@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tovi_hr_timer.hpp"
 #include "tovi_list.hpp"
 #include "tovi_schedwork.hpp"
 #include "tovi_testkit.h"
@@ -20,6 +21,7 @@
 namespace {
 
 constexpr uint64_t kNsPerMs = 1000000;
+constexpr uint64_t kNsPerSec = 1000000000;
 
 // Relaxed: the clock is moved by the test thread only; library threads the
 // test may still start read it without ordering anything else by it.
@@ -46,6 +48,32 @@ std::string format(const char *fmt, va_list ap)
     while (!text.empty() && text.back() == '\n')
         text.pop_back();
     return text;
+}
+
+// The high-resolution timers' clock: the same test clock.
+int hr_clock(timespec *now)
+{
+    const uint64_t ns = g_now_ns.load(std::memory_order_relaxed);
+    now->tv_sec = static_cast<time_t>(ns / kNsPerSec);
+    now->tv_nsec = static_cast<long>(ns % kNsPerSec);
+    return 0;
+}
+
+// Fires the high-resolution timers due by `until` ns in expiry order, the
+// clock reading each one's expiry while its callback runs.
+void fire_hr_timers(uint64_t until)
+{
+    tovi_timer_time_s at{};
+    while (tovi::timer::hr::next_expiry(&at)) {
+        const uint64_t due = static_cast<uint64_t>(at.sec) * kNsPerSec + static_cast<uint64_t>(at.nsec);
+        if (due > until)
+            return;
+        if (due > g_now_ns.load(std::memory_order_relaxed))
+            g_now_ns.store(due, std::memory_order_relaxed);
+        timespec now{};
+        hr_clock(&now);
+        tovi::timer::hr::fire_due(now);
+    }
 }
 
 }  // namespace
@@ -79,6 +107,8 @@ int tovi_testkit_start(void)
         __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
     }
     pthread_mutex_unlock(&work.initMutex);
+    if (tovi::timer::hr::start_without_thread(hr_clock) != 0)
+        return -1;
     return tovi::timer::start_without_thread();
 }
 
@@ -112,7 +142,9 @@ uint32_t tovi_testkit_advance_ms(uint64_t ms)
 {
     uint32_t ran = 0;
     for (uint64_t i = 0; i < ms; ++i) {
-        const uint64_t now = g_now_ns.fetch_add(kNsPerMs, std::memory_order_relaxed) + kNsPerMs;
+        const uint64_t now = (g_now_ns.load(std::memory_order_relaxed) / kNsPerMs + 1) * kNsPerMs;
+        fire_hr_timers(now);
+        g_now_ns.store(now, std::memory_order_relaxed);
         tovi::timer::run_timers(tovi::timer::process_root(), now / kNsPerMs);
         ran += tovi_testkit_run_work();
     }
