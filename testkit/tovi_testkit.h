@@ -19,7 +19,9 @@
  *    to read (all levels are on), and nothing is printed.
  *
  * Call tovi_testkit_start first; tovi_Init may follow (it then starts no
- * timer or work thread). The kernel companion is the in-process stand-in
+ * timer or work thread; its CPU sampler thread starts unless the library's
+ * settings file, $TOVI_CFG_LIBRARY_FILE, has SYSINFO_CPUUSAGE_THREAD_FLAG=0
+ * in section [TOVI]). The kernel companion is the in-process stand-in
  * (TOVI_COMPANION=user is set when the variable is unset). Functions of the
  * kit are meant for one test thread.
  */
