@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "tovi_hr_timer.hpp"
 #include "tovi_list.hpp"
@@ -28,7 +28,9 @@ constexpr uint64_t kNsPerSec = 1000000000;
 std::atomic<uint64_t> g_now_ns{0};
 
 std::mutex g_log_mutex;
-std::vector<std::string> g_log;
+// A deque: lines kept later never move the earlier ones, so a pointer the
+// test holds stays valid (a short line lives inside its string object).
+std::deque<std::string> g_log;
 
 void keep(std::string line)
 {
@@ -100,12 +102,12 @@ int tovi_testkit_start(void)
     setenv("TOVI_COMPANION", "user", 0);
     tovi::schedwork::SchedWorkRoot &work = tovi::schedwork::root();
     pthread_mutex_lock(&work.initMutex);
-    if (__atomic_load_n(&work.inited, __ATOMIC_ACQUIRE) == 0) {
+    if (__atomic_load_n(&work.inited, __ATOMIC_ACQUIRE) == 0)
         tovi::schedwork::root_setup(work);
-        // "Started" with no worker: tovi_sched_add_work queues and the kit drains.
-        __atomic_store_n(&work.started, 1u, __ATOMIC_RELEASE);
-        __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
-    }
+    // "Started" with no worker: tovi_sched_add_work queues and the kit drains.
+    // Again after tovi_destory, which stopped the pool.
+    __atomic_store_n(&work.started, 1u, __ATOMIC_RELEASE);
+    __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
     pthread_mutex_unlock(&work.initMutex);
     if (tovi::timer::hr::start_without_thread(hr_clock) != 0)
         return -1;
@@ -165,6 +167,8 @@ const char *tovi_testkit_log_line(uint32_t index)
 
 int32_t tovi_testkit_log_find(const char *text)
 {
+    if (text == nullptr)
+        return -1;
     std::lock_guard<std::mutex> guard(g_log_mutex);
     for (size_t i = 0; i < g_log.size(); ++i)
         if (g_log[i].find(text) != std::string::npos)

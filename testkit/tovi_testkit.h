@@ -37,7 +37,10 @@ extern "C" {
 /** Sets the clock to 0, builds the timer lists, the high-resolution timers
  * and the work queue without their threads and empties the captured log. 0,
  * or -1 when the timers cannot be built (or a high-resolution timer was armed
- * before, which started their thread). A second call only empties the log. */
+ * before, which started their thread). A second call empties the log and,
+ * after tovi_destory (which stops scheduled work), takes the work queue
+ * back: call it again before queuing work after tovi_destory, or the queue
+ * starts the library's own worker threads. */
 int tovi_testkit_start(void);
 
 /** The test clock in nanoseconds (what tovi_time_getnanosec returns). */
@@ -64,7 +67,7 @@ uint32_t tovi_testkit_log_count(void);
  * NULL past the end. Valid until the next clear. */
 const char *tovi_testkit_log_line(uint32_t index);
 
-/** Index of the first captured line containing `text`, or -1. */
+/** Index of the first captured line containing `text`, or -1 (also for NULL). */
 int32_t tovi_testkit_log_find(const char *text);
 
 /** Forgets the captured lines. */
