@@ -18,24 +18,20 @@ static void note(uint64_t id)
         tovi_hr_timer_modify(&timers[0], 300000);
 }
 
-static void on_work(tovi_sched_work *work)
-{
-    note(work->pData == work ? 7 : 8);
-}
+static void on_work(tovi_sched_work *work) { note(work->pData == work ? 7 : 8); }
 
 int main(void)
 {
     tovi_sched_work work;
+    tovi_sched_work_stats_s stats;
     if (tovi_testkit_start() != 0 || tovi_Init() != 0 || tovi_destory() != 0 || tovi_testkit_start() != 0)
         return 1;
     tovi_sched_init_work(&work, on_work, &work);
     tovi_sched_add_work(&work);
     for (unsigned i = 0; i < 2; i++) {
-        tovi_timer_init(&timers[i]);
         tovi_timer_set(&timers[i], 300000 + 100000 * i, i, note);
         tovi_hr_timer_add(&timers[i]);
     }
-    tovi_sched_work_stats_s stats;
     tovi_sched_work_stats(&stats);
     tovi_testkit_advance_ms(1);
     printf("fired: %s, %d workers\n", seen, stats.threadsAlive);
