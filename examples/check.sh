@@ -33,9 +33,16 @@ for example in timer_work ini_worker ring_handoff; do
         fi
     done
 done
-# The test kit's example test, as an application's test program links it.
+# The test kit's example test, as an application's test program links it
+# (and as find_package(tovi) built it above).
 # shellcheck disable=SC2046
 cc -std=c11 -Wall -Wextra -Werror "$src/../testkit/example_test.c" -o "$tmp/testkit_example" \
     $(pkg-config --cflags --libs libtovi-testkit)
-"$tmp/testkit_example" >/dev/null || { "$tmp/testkit_example"; exit 1; }
-echo "examples: timer_work, ini_worker and ring_handoff built with pkg-config and find_package(tovi) and ran as expected; the test kit example passed"
+# Every object of the kit links with just the libraries its .pc file names.
+# shellcheck disable=SC2046
+echo 'int main(void) { return 0; }' | cc -x c - -o "$tmp/whole_kit" $(pkg-config --libs-only-L libtovi-testkit) \
+    -Wl,--whole-archive -ltovi-testkit -Wl,--no-whole-archive $(pkg-config --libs libtovi-testkit)
+for exe in "$tmp/testkit_example" "$tmp/cmake/example_test"; do
+    "$exe" >/dev/null || { "$exe"; exit 1; }
+done
+echo "examples: timer_work, ini_worker and ring_handoff built with pkg-config and find_package(tovi) and ran as expected; the test kit example passed, built both ways"

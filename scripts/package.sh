@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 out=$PWD/build/deb
-rm -rf "$out/src" "$out/root" "$out"/*.deb "$out"/*.buildinfo "$out"/*.changes
+rm -rf "$out/src" "$out/root" "$out/examples" "$out"/*.deb "$out"/*.buildinfo "$out"/*.changes
 mkdir -p "$out/src" "$out/root"
 tar --exclude=./build --exclude=./.deps --exclude=./.git -cf - . | tar -xf - -C "$out/src"
 
@@ -23,4 +23,24 @@ for deb in "$out"/*.deb; do
     dpkg-deb -x "$deb" "$out/root"
 done
 echo "package: built $(cd "$out" && echo *.deb)"
+# The reference and the manual pages are in the packages.
+for f in share/doc/libtovi-dev/html/index.html share/man/man7/libtovi.7.gz share/man/man1/tovictl.1.gz; do
+    [ -f "$out/root/usr/$f" ] || { echo "package: /usr/$f is in no package" >&2; exit 1; }
+done
+# An application's test links libtovi-testkit with the libraries its .pc file
+# names: libtovi-dev depends on the package of each one's development link,
+# and the package build asks for it (the C and C++ run-times aside).
+depends=$(dpkg-deb -f "$out"/libtovi-dev_*.deb Depends)
+builddeps=$(sed -n '/^Build-Depends:/,/^[A-Z][A-Za-z-]*: /p' debian/control)
+for lib in $(sed -n 's/^Libs: //p' "$out"/root/usr/lib/*/pkgconfig/libtovi-testkit.pc | grep -o -- '-l[^ ]*' | cut -c3-); do
+    owner=$(dpkg -S "$(realpath -s "$(cc -print-file-name="lib$lib.so")")" 2>/dev/null | cut -d: -f1) || continue
+    case $owner in libstdc++-*-dev) continue ;; esac
+    for field in "$depends" "$builddeps"; do
+        grep -Eq "(^|[ ,])$owner([ ,(]|\$)" <<<"$field" ||
+            { echo "package: -l$lib needs $owner, missing in libtovi-dev's Depends or Build-Depends" >&2; exit 1; }
+    done
+done
 examples/check.sh "$out/root/usr"
+# The examples libtovi-dev ships build as they are, from their own folder.
+cmake -S "$out"/root/usr/share/doc/libtovi-dev/examples -B "$out/examples" -DCMAKE_PREFIX_PATH="$out/root/usr" >/dev/null
+cmake --build "$out/examples" >/dev/null

@@ -6,10 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <string>
-#include <vector>
 
+#include "tovi_hr_timer.hpp"
 #include "tovi_list.hpp"
 #include "tovi_schedwork.hpp"
 #include "tovi_testkit.h"
@@ -20,13 +21,16 @@
 namespace {
 
 constexpr uint64_t kNsPerMs = 1000000;
+constexpr uint64_t kNsPerSec = 1000000000;
 
 // Relaxed: the clock is moved by the test thread only; library threads the
 // test may still start read it without ordering anything else by it.
 std::atomic<uint64_t> g_now_ns{0};
 
 std::mutex g_log_mutex;
-std::vector<std::string> g_log;
+// A deque: lines kept later never move the earlier ones, so a pointer the
+// test holds stays valid (a short line lives inside its string object).
+std::deque<std::string> g_log;
 
 void keep(std::string line)
 {
@@ -46,6 +50,32 @@ std::string format(const char *fmt, va_list ap)
     while (!text.empty() && text.back() == '\n')
         text.pop_back();
     return text;
+}
+
+// The high-resolution timers' clock: the same test clock.
+int hr_clock(timespec *now)
+{
+    const uint64_t ns = g_now_ns.load(std::memory_order_relaxed);
+    now->tv_sec = static_cast<time_t>(ns / kNsPerSec);
+    now->tv_nsec = static_cast<long>(ns % kNsPerSec);
+    return 0;
+}
+
+// Fires the high-resolution timers due by `until` ns in expiry order, the
+// clock reading each one's expiry while its callback runs.
+void fire_hr_timers(uint64_t until)
+{
+    tovi_timer_time_s at{};
+    while (tovi::timer::hr::next_expiry(&at)) {
+        const uint64_t due = static_cast<uint64_t>(at.sec) * kNsPerSec + static_cast<uint64_t>(at.nsec);
+        if (due > until)
+            return;
+        if (due > g_now_ns.load(std::memory_order_relaxed))
+            g_now_ns.store(due, std::memory_order_relaxed);
+        timespec now{};
+        hr_clock(&now);
+        tovi::timer::hr::fire_due(now);
+    }
 }
 
 }  // namespace
@@ -72,13 +102,15 @@ int tovi_testkit_start(void)
     setenv("TOVI_COMPANION", "user", 0);
     tovi::schedwork::SchedWorkRoot &work = tovi::schedwork::root();
     pthread_mutex_lock(&work.initMutex);
-    if (__atomic_load_n(&work.inited, __ATOMIC_ACQUIRE) == 0) {
+    if (__atomic_load_n(&work.inited, __ATOMIC_ACQUIRE) == 0)
         tovi::schedwork::root_setup(work);
-        // "Started" with no worker: tovi_sched_add_work queues and the kit drains.
-        __atomic_store_n(&work.started, 1u, __ATOMIC_RELEASE);
-        __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
-    }
+    // "Started" with no worker: tovi_sched_add_work queues and the kit drains.
+    // Again after tovi_destory, which stopped the pool.
+    __atomic_store_n(&work.started, 1u, __ATOMIC_RELEASE);
+    __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
     pthread_mutex_unlock(&work.initMutex);
+    if (tovi::timer::hr::start_without_thread(hr_clock) != 0)
+        return -1;
     return tovi::timer::start_without_thread();
 }
 
@@ -112,7 +144,9 @@ uint32_t tovi_testkit_advance_ms(uint64_t ms)
 {
     uint32_t ran = 0;
     for (uint64_t i = 0; i < ms; ++i) {
-        const uint64_t now = g_now_ns.fetch_add(kNsPerMs, std::memory_order_relaxed) + kNsPerMs;
+        const uint64_t now = (g_now_ns.load(std::memory_order_relaxed) / kNsPerMs + 1) * kNsPerMs;
+        fire_hr_timers(now);
+        g_now_ns.store(now, std::memory_order_relaxed);
         tovi::timer::run_timers(tovi::timer::process_root(), now / kNsPerMs);
         ran += tovi_testkit_run_work();
     }
@@ -133,6 +167,8 @@ const char *tovi_testkit_log_line(uint32_t index)
 
 int32_t tovi_testkit_log_find(const char *text)
 {
+    if (text == nullptr)
+        return -1;
     std::lock_guard<std::mutex> guard(g_log_mutex);
     for (size_t i = 0; i < g_log.size(); ++i)
         if (g_log[i].find(text) != std::string::npos)

@@ -123,5 +123,10 @@ done
 grep -Eq '^6 +io_context +103 +2 +1056$' "$tmp/out" || fail "tovictl lwp: no sixth instance line: $(cat "$tmp/out")"
 [ "$(grep '^destroyed context' "$tmp/out" | head -1)" = "destroyed context 103" ] || fail "tovictl lwp: not newest first"
 
+# The manual page has an entry for every command the tool lists.
+for verb in $("${tool[@]}" help | sed -n 's/^  \([a-z0-9]*\) .*/\1/p'); do
+  grep -Eq "^\.B[IR]? \"?$verb( |\"|\$)" "$(dirname "$0")/../doc/man/tovictl.1" || fail "tovictl.1: no entry for '$verb'"
+done
+
 [ "$failures" -eq 0 ] && echo "tovictl: all checks passed"
 exit $((failures != 0))

@@ -61,6 +61,9 @@ struct HrTimerRoot {
 
 HrTimerRoot g_hr{TOVI_RB_ROOT_INIT, PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, nullptr, 0, kNotInited};
 pthread_once_t g_hr_once = PTHREAD_ONCE_INIT;
+// The clock timers are filed by: CLOCK_MONOTONIC, unless a caller that
+// drives the module from its own thread gave its own (set before the once).
+int (*g_clock)(timespec *) = nullptr;
 tovi::stats::Histogram g_lateness;
 
 bool inited()
@@ -129,12 +132,17 @@ void erase(tovi_timer *timer)
     set_isp(timer, 0);
 }
 
+int read_clock(timespec *now)
+{
+    return g_clock != nullptr ? g_clock(now) : clock_gettime(CLOCK_MONOTONIC, now);
+}
+
 // Reads the clock and files the timer timeOut ns from now (mutex held).
 // -1 after logging a clock failure.
 int arm_locked(tovi_timer *timer)
 {
     timespec now{};
-    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
+    if (read_clock(&now) != 0) {
         TOVI_LOG(kError, "Get clock time failed, errno %d", errno);
         return -1;
     }
@@ -204,35 +212,47 @@ void fail(int32_t state)
     __atomic_store_n(&g_hr.hrTimerState, state, __ATOMIC_RELEASE);
 }
 
+// The tree, mutex and condition: false after logging and keeping the failed step.
+bool init_sync()
+{
+    g_hr.tree.node = nullptr;
+    g_hr.runningTimer = nullptr;
+    int err = pthread_mutex_init(&g_hr.mutex, nullptr);
+    if (err != 0) {
+        TOVI_LOG(kError, "Mutex init failed, error no %d.", err);
+        fail(kMutexFailed);
+        return false;
+    }
+    pthread_condattr_t attr;
+    if ((err = pthread_condattr_init(&attr)) != 0) {
+        TOVI_LOG(kError, "Condattr init failed, error no %d", err);
+        fail(kCondattrInitFailed);
+        return false;
+    }
+    if ((err = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC)) != 0) {
+        TOVI_LOG(kError, "Condattr setclock failed, error no %d", err);
+        pthread_condattr_destroy(&attr);
+        fail(kSetclockFailed);
+        return false;
+    }
+    err = pthread_cond_init(&g_hr.cond, &attr);
+    pthread_condattr_destroy(&attr);
+    if (err != 0) {
+        TOVI_LOG(kError, "Cond init failed, error no %d", err);
+        fail(kCondFailed);
+        return false;
+    }
+    return true;
+}
+
 void hr_timer_module_init()
 {
     if (inited()) {
         TOVI_LOG(kInfo, "tovi hr timer is already inited.");
         return;
     }
-    g_hr.tree.node = nullptr;
-    g_hr.runningTimer = nullptr;
-    int err = pthread_mutex_init(&g_hr.mutex, nullptr);
-    if (err != 0) {
-        TOVI_LOG(kError, "Mutex init failed, error no %d.", err);
-        return fail(kMutexFailed);
-    }
-    pthread_condattr_t attr;
-    if ((err = pthread_condattr_init(&attr)) != 0) {
-        TOVI_LOG(kError, "Condattr init failed, error no %d", err);
-        return fail(kCondattrInitFailed);
-    }
-    if ((err = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC)) != 0) {
-        TOVI_LOG(kError, "Condattr setclock failed, error no %d", err);
-        pthread_condattr_destroy(&attr);
-        return fail(kSetclockFailed);
-    }
-    err = pthread_cond_init(&g_hr.cond, &attr);
-    pthread_condattr_destroy(&attr);
-    if (err != 0) {
-        TOVI_LOG(kError, "Cond init failed, error no %d", err);
-        return fail(kCondFailed);
-    }
+    if (!init_sync())
+        return;
     pthread_t id{};
     if (create_thread_nopreempt_raw(hr_timer_thread, nullptr, &id) != 0) {
         TOVI_LOG(kError, "Create thread failed.");
@@ -274,6 +294,43 @@ void unlock()
 void insert(tovi_timer *timer)
 {
     ::insert(timer);
+}
+
+int start_without_thread(int (*clock)(timespec *))
+{
+    static int (*s_clock)(timespec *);
+    s_clock = clock;
+    pthread_once(&g_hr_once, [] {
+        g_clock = s_clock;
+        if (init_sync())
+            __atomic_store_n(&g_hr.hrTimerState, kRunning, __ATOMIC_RELEASE);  // pairs with inited()
+    });
+    return inited() && g_clock == clock ? 0 : -1;
+}
+
+bool next_expiry(tovi_timer_time_s *at)
+{
+    if (!inited())
+        return false;
+    pthread_mutex_lock(&g_hr.mutex);
+    tovi_rb_node *first = tovi_rb_first(&g_hr.tree);
+    if (first != nullptr)
+        *at = timer_of(first)->hrExpire;
+    pthread_mutex_unlock(&g_hr.mutex);
+    return first != nullptr;
+}
+
+bool fire_due(const timespec &now)
+{
+    if (!inited())
+        return false;
+    pthread_mutex_lock(&g_hr.mutex);
+    tovi_rb_node *first = tovi_rb_first(&g_hr.tree);
+    const bool due = first != nullptr && reached(now, timer_of(first)->hrExpire);
+    if (due)
+        fire(timer_of(first), now);
+    pthread_mutex_unlock(&g_hr.mutex);
+    return due;
 }
 
 }  // namespace tovi::timer::hr
@@ -401,7 +458,7 @@ int64_t tovi_hr_timer_list_pending(tovi_timer_info_s *out, uint32_t max, uint64_
         return -1;
     if (now != nullptr) {
         timespec ts{};
-        clock_gettime(CLOCK_MONOTONIC, &ts);
+        read_clock(&ts);
         *now = static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
     }
     if (!inited())
