@@ -199,7 +199,7 @@ TEST(ThreadDump, RequestedDumpsFollowTheFrameChain)
 {
     std::string report = tovi::test::report_from_child([]() -> std::string {
         LogCapture log;
-        tovi_symbol_init();
+        auto_install_dump_stack_signal(), tovi_thread_signal_init();  // 61 first: its name must stay
         std::atomic<pid_t> target{0};
         pthread_t id;
         g_spin = 1;

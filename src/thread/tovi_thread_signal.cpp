@@ -122,7 +122,12 @@ bool begin_install()
         return false;
     tovi_symbol_init();
     atexit(tovi_thread_exit_callback);
-    memset_s(g_sig_names, sizeof g_sig_names, 0, sizeof g_sig_names);
+    // Signal 61 may be in place already (a dump was asked for first): its
+    // handler stays, and so must its name.
+    const bool keep_61 = __atomic_load_n(&g_dump_signal_installed, __ATOMIC_ACQUIRE) != 0;
+    for (uint32_t s = 0; s < TOVI_SIGNAL_NAMES; ++s)
+        if (s != TOVI_SIGNAL_TASKTRACK || !keep_61)
+            g_sig_names[s] = nullptr;
     return true;
 }
 
