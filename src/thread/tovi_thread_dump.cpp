@@ -179,6 +179,11 @@ void dump_signal_init(void)
 {
     if (tovi_get_process_name(g_process_name) != 0)
         g_process_name[0] = '\0';
+    // The first backtrace loads the unwinder, which allocates: take it here
+    // rather than in the handler (the thread module may start before the
+    // library's own start-up warms it).
+    void *warm[2];
+    backtrace(warm, 2);
     struct sigaction sa{};
     sa.sa_handler = dump_stack_by_sig;
     sa.sa_flags = 0;
