@@ -147,10 +147,13 @@ TEST(ThreadDump, DumpOnlySignalsAreSurvivedThreeAtATime)
     std::string report = tovi::test::report_from_child([]() -> std::string {
         LogCapture log;
         tovi_thrd_setcurthreadinfo();
-        tovi_thread_signal_init();
+        const uint32_t list[] = {SIGUSR2, SIGPIPE};
+        tovi_thread_signal_init_with_list(nullptr, list, 2);
+        CHILD_CHECK(log.texts(6) == std::vector<std::string>{"signal init with list(12, 13, )."});
         CHILD_CHECK(tovi_thread_signal_flag_get() == 1 && is_dump_stack_enabled() == 0);
         raise(SIGUSR2);
         CHILD_CHECK(log.count("<" + std::to_string(tid()) + ">dump_stack info Success") == 1);
+        CHILD_CHECK(find(log.texts(), ", sig sigList[i], si 0x") != std::string::npos);  // the list's names, as they are
         for (const std::string &t : log.texts())
             CHILD_CHECK(t.find(" ...") == std::string::npos);  // no hex dump
         // Three handlers held inside their dump; the fourth is refused.
