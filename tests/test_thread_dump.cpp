@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -279,6 +280,15 @@ TEST(ThreadDump, CallTraceStopRules)
             EXPECT_EQ(lines[2 + i].substr(lines[2 + i].size() - c.rows[i].size()), c.rows[i]) << lines[2 + i];
         EXPECT_EQ(lines.back(), "<9>dump_stack info Success");
     }
+    // An unreadable first page (the guard page an overflow ran into) is stepped over.
+    auto *m = static_cast<uint64_t *>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(m, 4096, PROT_NONE);
+    m[600] = ret(outer);
+    log.clear();
+    const auto base = reinterpret_cast<uint64_t>(m);
+    tovi::thrd::dump::call_trace(9, base + 8, base + 8, base, base + 8192);
+    munmap(m, 8192);
+    EXPECT_TRUE(log.texts().size() == 4 && log.texts()[2].ends_with("dump_test_spin_caller+0x4 ???"));
 }
 
 TEST(ThreadDump, HexDumpCollapsesZeroLines)

@@ -284,8 +284,12 @@ void call_trace(int32_t tid, uint64_t sp, uint64_t fp, uint64_t start, uint64_t 
     PageProbe probe;
     uint64_t prev = from;
     for (uint64_t p = from; p + 8 < to; p += 8) {
-        if (!probe.readable(p + 8))
-            break;
+        if (!probe.readable(p + 8)) {
+            // A page that cannot be read (the guard page an overflowing
+            // stack ran into) is stepped over; the frames lie above it.
+            p = (((p + 8) | (kPage - 1)) + 1) - 16;
+            continue;
+        }
         // The slot read as a frame record: saved frame pointer, return address.
         const uint64_t word = word_at(p + offsetof(arch::FrameRecord, return_address));
         tovi_symbol_s sym{};
