@@ -68,6 +68,8 @@ TEST(Reboot, PlatformRequestsAreRefusedOnAStockHost)
                                "Usrspace reboot: reason:5, mid:381, xyz.", "Syscall for tovi_Reboot failed.",
                                "Usrspace reboot: reason:6, mid:2.", "Syscall for tovi_Reboot failed.",
                                "Syscall for tovi_ResetLocalBoard failed.", "Syscall for tovi_get_reboot_count failed."}));
+    EXPECT_EQ(panic("%s", std::string(300, 'p').c_str()), 0);  // too long: cut, not lost
+    EXPECT_TRUE(log.contains("Panic info = " + std::string(255, 'p') + "\n"));
 }
 
 }  // namespace

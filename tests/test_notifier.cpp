@@ -45,6 +45,7 @@ TEST(Notifier, WalkOrderStopAndCounts)
     snprintf(want, sizeof want, "Notifier chain test_chain register (%s:%d, %p, %p, 5), ret=0", __FILE__, __LINE__ - 2,
              static_cast<void *>(&p[0].block), reinterpret_cast<void *>(record));
     EXPECT_EQ(log.texts(6)[0], want);
+    EXPECT_EQ(tovi_atomic_notifier_chain_register(&g_chain, &p[0].block), 0);  // again: stays where it is
     struct Case {
         int32_t nrToCall;
         std::vector<int> called;

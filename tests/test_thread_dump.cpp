@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -116,8 +117,7 @@ TEST(ThreadDump, FatalSignalsDumpThenDieBySameSignal)
                 raise(c.sig);
         });
         const std::string &name = c.name;
-        SCOPED_TRACE(name);
-        EXPECT_EQ(d.status, 128 + c.sig);
+        EXPECT_EQ(d.status, 128 + c.sig) << name;
         size_t start = find(d.lines, "start of stack of general fault_handler() is 0x");
         ASSERT_NE(start, std::string::npos);
         EXPECT_NE(d.lines[start].find(". <1>, sig " + name + ", si 0x"), std::string::npos) << d.lines[start];
@@ -147,10 +147,13 @@ TEST(ThreadDump, DumpOnlySignalsAreSurvivedThreeAtATime)
     std::string report = tovi::test::report_from_child([]() -> std::string {
         LogCapture log;
         tovi_thrd_setcurthreadinfo();
-        tovi_thread_signal_init();
+        const uint32_t list[] = {SIGUSR2, SIGPIPE};
+        tovi_thread_signal_init_with_list(nullptr, list, 2);
+        CHILD_CHECK(log.texts(6) == std::vector<std::string>{"signal init with list(12, 13, )."});
         CHILD_CHECK(tovi_thread_signal_flag_get() == 1 && is_dump_stack_enabled() == 0);
         raise(SIGUSR2);
         CHILD_CHECK(log.count("<" + std::to_string(tid()) + ">dump_stack info Success") == 1);
+        CHILD_CHECK(find(log.texts(), ", sig sigList[i], si 0x") != std::string::npos);  // the list's names, as they are
         for (const std::string &t : log.texts())
             CHILD_CHECK(t.find(" ...") == std::string::npos);  // no hex dump
         // Three handlers held inside their dump; the fourth is refused.
@@ -199,7 +202,7 @@ TEST(ThreadDump, RequestedDumpsFollowTheFrameChain)
 {
     std::string report = tovi::test::report_from_child([]() -> std::string {
         LogCapture log;
-        tovi_symbol_init();
+        auto_install_dump_stack_signal(), tovi_thread_signal_init();  // 61 first: its name must stay
         std::atomic<pid_t> target{0};
         pthread_t id;
         g_spin = 1;
@@ -243,9 +246,9 @@ TEST(ThreadDump, RequestedDumpsFollowTheFrameChain)
     EXPECT_EQ(report, "");
 }
 
-// A made-up stack of frame records: rows for return addresses, "???" off
-// the chain, the end after the chain reaches start_thread, and the range cut
-// at the next page after an off-chain start_thread once the chain is behind.
+// A made-up stack of frame records: rows for return addresses, "???" off the
+// chain, the end after the chain reaches start_thread, the range cut at the next
+// page after an off-chain start_thread once the chain is behind; unreadable pages.
 TEST(ThreadDump, CallTraceStopRules)
 {
     tovi_symbol_init();
@@ -276,6 +279,11 @@ TEST(ThreadDump, CallTraceStopRules)
             EXPECT_EQ(lines[2 + i].substr(lines[2 + i].size() - c.rows[i].size()), c.rows[i]) << lines[2 + i];
         EXPECT_EQ(lines.back(), "<9>dump_stack info Success");
     }
+    auto *m = static_cast<uint64_t *>(mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(m + 512, 4096, PROT_READ | PROT_WRITE), m[600] = ret(outer), log.clear();
+    tovi::thrd::dump::call_trace(9, uint64_t(m), 0, uint64_t(m), uint64_t(m + 1024));
+    EXPECT_TRUE(log.texts().size() == 4 && log.texts()[2].ends_with("dump_test_spin_caller+0x4 ???"));
+    munmap(m, 8192);
 }
 
 TEST(ThreadDump, HexDumpCollapsesZeroLines)
@@ -296,16 +304,13 @@ TEST(ThreadDump, BacktraceSkipsTheAskedFrames)
 {
     LogCapture log;
     tovi_symbol_init();
-    struct Case {
-        int32_t skip;
-        const char *first;
-    } cases[] = {{-3, "dump_test_skip+0x"}, {0, "dump_test_skip+0x"}, {1, "dump_test_skip_caller+0x"}};
-    for (const Case &c : cases) {
+    for (auto [skip, first] :
+         {std::pair{-3, "dump_test_skip+0x"}, {0, "dump_test_skip+0x"}, {1, "dump_test_skip_caller+0x"}}) {
         log.clear();
-        dump_test_skip_caller(c.skip);
+        dump_test_skip_caller(skip);
         auto lines = log.texts();
         ASSERT_TRUE(lines.size() >= 2 && lines[0].find("<" + std::to_string(tid()) + ">Start dump stack from 0x") == 0);
-        EXPECT_NE(lines[1].find(std::string(" func=") + c.first), std::string::npos) << c.skip << ": " << lines[1];
+        EXPECT_NE(lines[1].find(std::string(" func=") + first), std::string::npos) << skip << ": " << lines[1];
     }
 }
 

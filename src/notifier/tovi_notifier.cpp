@@ -45,6 +45,14 @@ private:
     bool taken_;
 };
 
+bool on_chain(const ToviAtomicNotifierHead *head, const ToviNotifierBlock *block)
+{
+    for (const ToviNotifierBlock *nb = head->head; nb != nullptr; nb = nb->next)
+        if (nb == block)
+            return true;
+    return false;
+}
+
 }  // namespace
 
 uint64_t owner(const ToviAtomicNotifierHead *head)
@@ -112,11 +120,15 @@ int32_t tovi_atomic_notifier_chain_register__(ToviAtomicNotifierHead *head, Tovi
         return 0;
     {
         ChainGuard guard(head);
-        ToviNotifierBlock **link = &head->head;
-        while (*link != nullptr && (*link)->priority >= block->priority)
-            link = &(*link)->next;
-        block->next = *link;
-        *link = block;
+        // A block registered a second time would be linked after itself, and
+        // the next walk would never end (with the lock held): it stays put.
+        if (!on_chain(head, block)) {
+            ToviNotifierBlock **link = &head->head;
+            while (*link != nullptr && (*link)->priority >= block->priority)
+                link = &(*link)->next;
+            block->next = *link;
+            *link = block;
+        }
     }
     TOVI_LOG(kInfo, "Notifier chain %s register (%s:%d, %p, %p, %u), ret=%d", head->name, file, line,
              static_cast<void *>(block), reinterpret_cast<void *>(block->notifier_call), block->priority, 0);

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 
 #include <safe_str_lib.h>
 
@@ -34,11 +35,19 @@ int panic(const char *fmt, ...)
 {
     char text[kPanicTextLen] = {};
     va_list ap;
+    va_list again;
     va_start(ap, fmt);
+    va_copy(again, ap);
     int ret = vsnprintf_s(text, sizeof text, fmt, ap);
     va_end(ap);
-    if (ret < 0)
+    if (ret < 0) {
         TOVI_LOG(kError, "Print panic info error, ret(%d) errno(%d).", ret, errno);
+        // The bounded formatter leaves nothing of a text that is too long;
+        // a panic keeps its first 255 characters.
+        if (ret == -ESNOSPC)
+            std::vsnprintf(text, sizeof text, fmt, again);
+    }
+    va_end(again);
     printk("Panic info = %s\n", text);
     if (companion::syscall(companion::kCmdPanic, reinterpret_cast<long>(text)) < 0)
         TOVI_LOG(kError, "Syscall for tovi_Reboot failed.errno %d", errno);

@@ -179,6 +179,11 @@ void dump_signal_init(void)
 {
     if (tovi_get_process_name(g_process_name) != 0)
         g_process_name[0] = '\0';
+    // The first backtrace loads the unwinder, which allocates: take it here
+    // rather than in the handler (the thread module may start before the
+    // library's own start-up warms it).
+    void *warm[2];
+    backtrace(warm, 2);
     struct sigaction sa{};
     sa.sa_handler = dump_stack_by_sig;
     sa.sa_flags = 0;
@@ -197,7 +202,9 @@ void dump_stack_by_sig(int)
     text.add(self_tid());
     void *frames[kBlockDepth];
     const int n = backtrace(frames, kBlockDepth);
-    const int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0700);
+    // Non-blocking: should the path be a FIFO that nobody drains, the
+    // handler gives up on a full pipe instead of parking its thread.
+    const int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0700);
     if (fd >= 0) {
         write_all(fd, "---", 3);
         write_all(fd, g_tag_buf, strnlen_s(g_tag_buf, sizeof g_tag_buf));

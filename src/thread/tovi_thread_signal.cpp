@@ -122,7 +122,12 @@ bool begin_install()
         return false;
     tovi_symbol_init();
     atexit(tovi_thread_exit_callback);
-    memset_s(g_sig_names, sizeof g_sig_names, 0, sizeof g_sig_names);
+    // Signal 61 may be in place already (a dump was asked for first): its
+    // handler stays, and so must its name.
+    const bool keep_61 = __atomic_load_n(&g_dump_signal_installed, __ATOMIC_ACQUIRE) != 0;
+    for (uint32_t s = 0; s < TOVI_SIGNAL_NAMES; ++s)
+        if (s != TOVI_SIGNAL_TASKTRACK || !keep_61)
+            g_sig_names[s] = nullptr;
     return true;
 }
 
@@ -279,8 +284,12 @@ void call_trace(int32_t tid, uint64_t sp, uint64_t fp, uint64_t start, uint64_t 
     PageProbe probe;
     uint64_t prev = from;
     for (uint64_t p = from; p + 8 < to; p += 8) {
-        if (!probe.readable(p + 8))
-            break;
+        if (!probe.readable(p + 8)) {
+            // A page that cannot be read (the guard page an overflowing
+            // stack ran into) is stepped over; the frames lie above it.
+            p = (((p + 8) | (kPage - 1)) + 1) - 16;
+            continue;
+        }
         // The slot read as a frame record: saved frame pointer, return address.
         const uint64_t word = word_at(p + offsetof(arch::FrameRecord, return_address));
         tovi_symbol_s sym{};
