@@ -147,9 +147,14 @@ TEST(ThreadDump, DumpOnlySignalsAreSurvivedThreeAtATime)
     std::string report = tovi::test::report_from_child([]() -> std::string {
         LogCapture log;
         tovi_thrd_setcurthreadinfo();
-        const uint32_t list[] = {SIGUSR2, SIGPIPE};
-        tovi_thread_signal_init_with_list(nullptr, list, 2);
-        CHILD_CHECK(log.texts(6) == std::vector<std::string>{"signal init with list(12, 13, )."});
+        // Numbers past the table are logged, not installed; the text is the list cut at 127 characters.
+        const uint32_t list[] = {SIGUSR2, SIGPIPE, 4000000000u, 4000000000u, 4000000000u, 4000000000u, 4000000000u,
+                                 4000000000u, 4000000000u, 4000000000u, 4000000000u, 4000000000u, 200};
+        tovi_thread_signal_init_with_list(nullptr, list, 13);
+        std::string joined = "12, 13, ";
+        for (int i = 0; i < 10; ++i)
+            joined += "4000000000, ";
+        CHILD_CHECK(log.texts(6) == std::vector<std::string>{"signal init with list(" + joined.substr(0, 127) + ")."});
         CHILD_CHECK(tovi_thread_signal_flag_get() == 1 && is_dump_stack_enabled() == 0);
         raise(SIGUSR2);
         CHILD_CHECK(log.count("<" + std::to_string(tid()) + ">dump_stack info Success") == 1);

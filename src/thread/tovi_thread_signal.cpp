@@ -346,12 +346,17 @@ void tovi_thread_signal_init_with_list(void *, const uint32_t *sigList, uint32_t
         return;
     char text[128] = {};
     size_t len = 0;
+    bool full = false;
     for (uint32_t i = 0; i < count; ++i) {
         if (sigList[i] < TOVI_SIGNAL_NAMES)
             install(static_cast<int>(sigList[i]), "sigList[i]");
-        int n = snprintf_s(text + len, sizeof text - len, "%u, ", sigList[i]);
+        // The text is the list cut where it stops fitting: a shorter number
+        // written over the cut one would show a list that was never given.
+        int n = full ? -1 : snprintf_s(text + len, sizeof text - len, "%u, ", sigList[i]);
         if (n > 0 && len + static_cast<size_t>(n) < sizeof text)
             len += static_cast<size_t>(n);
+        else
+            full = true;
     }
     TOVI_LOG(kInfo, "signal init with list(%s).", text);
     end_install();
