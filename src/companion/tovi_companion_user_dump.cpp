@@ -5,8 +5,11 @@
 // (kRegisterSignal) makes it copy the program counter, stack and frame
 // pointers of the context it was interrupted in into the request slot, and
 // the asking thread waits for that answer for at most kAnswerWaitMs. One
-// request is in flight at a time (g_request_mutex); a late answer to an
-// earlier request is told apart by its sequence number.
+// request is in flight at a time (g_request_mutex). The target claims the
+// request before it writes (tid becomes kClaimed), and a request given up on
+// is withdrawn the same way (tid back to 0), so a late answer (the thread had
+// the signal blocked, or was preempted inside the handler) never writes into
+// a later request's slot.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -33,9 +36,11 @@ int register_signal()
     return SIGRTMAX - 2;
 }
 
+constexpr int32_t kClaimed = -1;
+
 struct RegisterRequest {
-    int32_t tid;       // thread asked; written under g_request_mutex before the signal
-    uint32_t seq;      // request number, the same
+    int32_t tid;       // thread asked, 0 when none, kClaimed while its answer is written
+    uint32_t seq;      // request number; written under g_request_mutex before tid
     uint32_t answered; // seq of the last answer (futex word)
     uint64_t sp;
     uint64_t fp;
@@ -50,12 +55,15 @@ bool g_installed = false;
 // Runs on the target thread: only loads, stores and a futex wake.
 void answer(int, siginfo_t *, void *context)
 {
-    // Acquire pairs with the requester's release store of seq (R1).
-    uint32_t seq = __atomic_load_n(&g_request.seq, __ATOMIC_ACQUIRE);
-    if (__atomic_load_n(&g_request.tid, __ATOMIC_RELAXED) != static_cast<int32_t>(gettid()))
+    // Only the thread asked, and only once per request. Acquire pairs with
+    // the requester's release store of tid (R1), so seq is this request's.
+    int32_t expected = static_cast<int32_t>(gettid());
+    if (!__atomic_compare_exchange_n(&g_request.tid, &expected, kClaimed, false, __ATOMIC_ACQUIRE,
+                                     __ATOMIC_RELAXED))
         return;
+    const uint32_t seq = __atomic_load_n(&g_request.seq, __ATOMIC_RELAXED);
     const auto *uc = static_cast<const ucontext_t *>(context);
-    // Relaxed: a late answer may overwrite them; A1 publishes them.
+    // Relaxed: A1 publishes them.
     __atomic_store_n(&g_request.sp, arch::signal_context_sp(uc), __ATOMIC_RELAXED);
     __atomic_store_n(&g_request.fp, arch::signal_context_fp(uc), __ATOMIC_RELAXED);
     __atomic_store_n(&g_request.pc, arch::signal_context_pc(uc), __ATOMIC_RELAXED);
@@ -80,15 +88,16 @@ int64_t now_ms()
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Waits until request `seq` is answered; false after kAnswerWaitMs.
-bool wait_answer(uint32_t seq)
+// Waits until request `seq` is answered; false after kAnswerWaitMs, or
+// never when `bounded` is false.
+bool wait_answer(uint32_t seq, bool bounded)
 {
     const int64_t deadline = now_ms() + kAnswerWaitMs;
     for (;;) {
         uint32_t seen = __atomic_load_n(&g_request.answered, __ATOMIC_ACQUIRE);  // A1
         if (seen == seq)
             return true;
-        int64_t left = deadline - now_ms();
+        int64_t left = bounded ? deadline - now_ms() : kAnswerWaitMs;
         if (left <= 0)
             return false;
         timespec ts{static_cast<time_t>(left / 1000), static_cast<long>(left % 1000) * 1000000L};
@@ -157,26 +166,39 @@ long register_query(long a1, long a2, long a3, long a4)
         errno = ENOSYS;
         return -1;
     }
-    if (*tid == static_cast<int32_t>(gettid())) {  // it would wait for itself
+    const int32_t target = *tid;
+    if (target <= 0) {  // no thread id (0 and kClaimed also mark the slot)
+        errno = EINVAL;
+        return -1;
+    }
+    if (target == static_cast<int32_t>(gettid())) {  // it would wait for itself
         errno = EDEADLK;
         return -1;
     }
     pthread_mutex_lock(&g_request_mutex);
-    __atomic_store_n(&g_request.tid, *tid, __ATOMIC_RELAXED);
-    uint32_t seq = g_request.seq + 1;
-    __atomic_store_n(&g_request.seq, seq, __ATOMIC_RELEASE);  // R1
-    long ret = -1;
-    if (::syscall(SYS_tgkill, getpid(), *tid, register_signal()) != 0) {
-        // errno from tgkill: ESRCH for a thread that is not there
-    } else if (!wait_answer(seq)) {
+    const uint32_t seq = g_request.seq + 1;
+    __atomic_store_n(&g_request.seq, seq, __ATOMIC_RELAXED);
+    __atomic_store_n(&g_request.tid, target, __ATOMIC_RELEASE);  // R1
+    // errno from tgkill: ESRCH for a thread that is not there.
+    bool answered = ::syscall(SYS_tgkill, getpid(), target, register_signal()) == 0;
+    if (answered && !wait_answer(seq, true)) {
+        answered = false;
         errno = ETIMEDOUT;
-    } else {
+    }
+    int32_t withdrawn = target;
+    if (!answered && !__atomic_compare_exchange_n(&g_request.tid, &withdrawn, 0, false, __ATOMIC_RELAXED,
+                                                  __ATOMIC_RELAXED))
+        // Claimed just now (a signal left pending by an earlier request can
+        // answer this one too): the answer is a few stores away.
+        answered = wait_answer(seq, false);
+    long ret = -1;
+    if (answered) {
         *sp = __atomic_load_n(&g_request.sp, __ATOMIC_RELAXED);
         *fp = __atomic_load_n(&g_request.fp, __ATOMIC_RELAXED);
         *pc = __atomic_load_n(&g_request.pc, __ATOMIC_RELAXED);
+        __atomic_store_n(&g_request.tid, 0, __ATOMIC_RELAXED);
         ret = 0;
     }
-    __atomic_store_n(&g_request.tid, 0, __ATOMIC_RELAXED);
     pthread_mutex_unlock(&g_request_mutex);
     return ret;
 }
