@@ -131,9 +131,13 @@ bool begin_install()
     return true;
 }
 
-void end_install()
+// `with_61`: the full installation puts signal 61 in place before the flag
+// says the handlers are there.
+void end_install(bool with_61)
 {
     signal(SIGHUP, SIG_IGN);
+    if (with_61)
+        auto_install_dump_stack_signal();
     // Release pairs with the acquiring loads of the flag getters.
     __atomic_store_n(&g_handlers_installed, 1, __ATOMIC_RELEASE);
 }
@@ -336,8 +340,7 @@ void tovi_thread_signal_init(void)
         return;
     for (const SignalClass &s : kHandled)
         install(s.sig, s.name);
-    end_install();
-    auto_install_dump_stack_signal();
+    end_install(true);
 }
 
 void tovi_thread_signal_init_with_list(void *, const uint32_t *sigList, uint32_t count)
@@ -359,7 +362,7 @@ void tovi_thread_signal_init_with_list(void *, const uint32_t *sigList, uint32_t
             full = true;
     }
     TOVI_LOG(kInfo, "signal init with list(%s).", text);
-    end_install();
+    end_install(false);
 }
 
 void auto_install_dump_stack_signal(void)
