@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <cctype>
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <unistd.h>
 
@@ -53,6 +55,17 @@ private:
     int saved_ = -1;
 };
 
+// A zone with a half-hour offset, set before the first line is logged.
+const bool g_zone_set = setenv("TZ", "IST-5:30", 1) == 0;
+
+std::string local_minute(time_t t)
+{
+    tm local{};
+    localtime_r(&t, &local);
+    char buf[32];
+    return std::string(buf, std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M", &local));
+}
+
 }  // namespace
 
 TEST(Vrlog, DefaultThresholdIsSixPerModule)
@@ -73,7 +86,9 @@ TEST(Vrlog, DefaultThresholdIsSixPerModule)
 TEST(Vrlog, LineCarriesTimeLevelModuleSourceAndFunction)
 {
     ASSERT_EQ(vrlog_init(381, "KOMI"), 0);
+    ASSERT_TRUE(g_zone_set);
     StderrCapture cap;
+    const time_t before = time(nullptr);
     EXPECT_GT(vrlog(381, 3, "tovi_init", 42, "tovi_Init", 0, "Get jiffies usr addr failed."), 0);
     EXPECT_EQ(vrlog(381, 7, "tovi_init", 43, "tovi_Init", 0, "hidden"), 0);
     vrlog_original("<%d>raw line", 77);
@@ -87,6 +102,8 @@ TEST(Vrlog, LineCarriesTimeLevelModuleSourceAndFunction)
         else
             EXPECT_EQ(out[i], stamp[i]) << out;
     }
+    const std::string minute = out.substr(0, 16);
+    EXPECT_TRUE(minute == local_minute(before) || minute == local_minute(time(nullptr))) << out;
     EXPECT_EQ(out.substr(stamp.size()), " ERROR 381/KOMI tovi_init:42 tovi_Init: Get jiffies usr addr failed.\n"
                                         "<77>raw line\n");
 }

@@ -151,6 +151,52 @@ size_t clamp_len(int n, size_t room)
     return static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room - 1;
 }
 
+// The local time of a line without the C library's zone lock, which
+// localtime_r and gmtime_r both take: a fatal-signal handler that logs while
+// its thread was inside one of them would wait for ever. The zone offset is
+// looked up once a minute; a thread interrupted during that look-up uses the
+// offset of the minute before.
+std::atomic<long long> g_zone_minute{-1};
+std::atomic<long> g_zone_offset{0};
+__attribute__((tls_model("initial-exec"))) thread_local bool t_in_zone_lookup = false;
+
+long zone_offset(time_t now)
+{
+    const long long minute = now / 60;
+    if (g_zone_minute.load(std::memory_order_acquire) != minute && !t_in_zone_lookup) {
+        t_in_zone_lookup = true;
+        tm local{};
+        if (localtime_r(&now, &local) != nullptr)
+            g_zone_offset.store(local.tm_gmtoff, std::memory_order_relaxed);
+        g_zone_minute.store(minute, std::memory_order_release);  // pairs with the load above
+        t_in_zone_lookup = false;
+    }
+    return g_zone_offset.load(std::memory_order_relaxed);
+}
+
+// "YYYY-MM-DD hh:mm:ss" of a local instant in seconds since the epoch
+// (days to civil date by the proleptic Gregorian era arithmetic).
+size_t format_local(char *buf, size_t size, long long t)
+{
+    long long days = t / 86400, secs = t % 86400;
+    if (secs < 0) {
+        secs += 86400;
+        --days;
+    }
+    days += 719468;
+    const long long era = (days >= 0 ? days : days - 146096) / 146097;
+    const long long doe = days - era * 146097;
+    const long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const long long mp = (5 * doy + 2) / 153;
+    const long long day = doy - (153 * mp + 2) / 5 + 1;
+    const long long month = mp < 10 ? mp + 3 : mp - 9;
+    const long long year = yoe + era * 400 + (month <= 2);
+    return clamp_len(std::snprintf(buf, size, "%04lld-%02lld-%02lld %02lld:%02lld:%02lld", year, month, day,
+                                   secs / 3600, secs / 60 % 60, secs % 60),
+                     size);
+}
+
 }  // namespace
 
 extern "C" {
@@ -233,12 +279,10 @@ int vrlog(unsigned int module, unsigned int level, const char *file, unsigned in
         return 0;
     timespec ts{};
     clock_gettime(CLOCK_REALTIME, &ts);
-    tm local{};
-    localtime_r(&ts.tv_sec, &local);
     const char *name = module < VRLOG_MODULE_COUNT ? g_names[module].load(std::memory_order_acquire) : nullptr;
 
     char buf[kLineMax];
-    size_t len = std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local);
+    size_t len = format_local(buf, sizeof buf, static_cast<long long>(ts.tv_sec) + zone_offset(ts.tv_sec));
     len += clamp_len(std::snprintf(buf + len, sizeof buf - len, ".%06ld %s %u/%s %s:%u %s: ",
                                    ts.tv_nsec / 1000, level_name(level), module,
                                    name != nullptr ? name : "-", file != nullptr ? file : "?",
