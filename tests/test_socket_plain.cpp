@@ -64,6 +64,10 @@ TEST(SocketPlain, Streams)
         l = tovi_sock_unix_listen(path.c_str(), 4);
         exchange(l, tovi_sock_unix_connect(path.c_str(), 1000));
     }
+    l = tovi_sock_unix_listen(path.c_str(), 0);  // a full backlog is waited out, not a descriptor never connected
+    const int first = tovi_sock_unix_connect(path.c_str(), 1000);
+    EXPECT_EQ(tovi_sock_unix_connect(path.c_str(), 50), -ETIMEDOUT);
+    EXPECT_EQ(close(first) | close(l), 0);
     ASSERT_TRUE(tovi::test::write_file(plain, "keep"));
     EXPECT_EQ(tovi_sock_unix_listen(plain.c_str(), 4), -EEXIST);
     EXPECT_EQ(tovi::test::read_file(plain), "keep");
