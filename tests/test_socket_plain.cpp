@@ -107,7 +107,8 @@ TEST(Bonding, FixtureReports)
     const std::string r = root;
     ASSERT_EQ(system(("mkdir -p " + r + "/proc/net/bonding " + r + "/sys/class/net && cp " TOVI_TEST_DATA
                       "/bonding/bond0 " + r + "/proc/net/bonding/").c_str()), 0);
-    ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond1", "Bonding Mode: IEEE 802.3ad Dynamic link aggregation\n"
+    ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond1", "Bonding Mode: IEEE 802.3ad Dynamic link aggregation\n" +
+                                                                      std::string(255, '#') + "Slave Interface: tail\n"
                                                                       "MII Status: down\n802.3ad info\n"));
     ASSERT_TRUE(tovi::test::write_file(r + "/sys/class/net/bonding_masters", "bond0 bond1 bond-with-a-far-too-long-name\n"));
     ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond2", "Ethernet Channel Bonding Driver: v6.1.0\n"));

@@ -82,6 +82,10 @@ int bond_query_at(const std::string &root, const char *ifname, tovi_bond_info_s 
     uint32_t listed = 0;
     char line[256];
     while (std::fgets(line, sizeof line, f) != nullptr) {
+        // The rest of an over-long line is dropped, not read as a line of its own.
+        if (std::strchr(line, '\n') == nullptr)
+            for (int c = std::fgetc(f); c != EOF && c != '\n';)
+                c = std::fgetc(f);
         line[std::strcspn(line, "\r\n")] = '\0';
         const char *v;
         if ((v = value_of(line, "Slave Interface")) != nullptr) {
@@ -97,6 +101,7 @@ int bond_query_at(const std::string &root, const char *ifname, tovi_bond_info_s 
             slave->link_failures = static_cast<uint32_t>(std::strtoul(v, nullptr, 10));
         } else if (slave == nullptr && (v = value_of(line, "Bonding Mode")) != nullptr) {
             copy(info->mode_text, sizeof info->mode_text, v);
+            info->mode = -1;  // a later mode line stands alone
             for (size_t m = 0; m < sizeof kModes / sizeof kModes[0]; ++m)
                 if (std::strncmp(v, kModes[m].proc_text, std::strlen(kModes[m].proc_text)) == 0)
                     info->mode = static_cast<int32_t>(m);
