@@ -89,11 +89,18 @@ TOVI_API int tovi_tty_restore(tovi_tty_saved_s *saved)
         return -EINVAL;
     std::fflush(stdout);
     std::fflush(stderr);
-    const int rc = dup2_retry(saved->out, STDOUT_FILENO) < 0 || dup2_retry(saved->err, STDERR_FILENO) < 0 ? -errno : 0;
+    // Both are put back even when one fails: standard error must not stay on
+    // the device because standard output's duplicate went missing.
+    int rc = dup2_retry(saved->out, STDOUT_FILENO) < 0 ? -errno : 0;
+    if (dup2_retry(saved->err, STDERR_FILENO) < 0 && rc == 0)
+        rc = -errno;
     close(saved->out);
     close(saved->err);
     *saved = {};
-    TOVI_LOG(tovi::log::kInfo, "tty: output restored.");
+    if (rc != 0)
+        TOVI_LOG(tovi::log::kError, "tty: cannot put the output back (%s).", std::strerror(-rc));
+    else
+        TOVI_LOG(tovi::log::kInfo, "tty: output restored.");
     return rc;
 }
 

@@ -15,7 +15,9 @@
  * not a terminal; the open's negated errno otherwise (the device is opened
  * without waiting: -6 for a FIFO without a reader). Messages:
  * "tty: output sent to %s." and "tty: output restored." (level 6),
- * "tty: %s is not a terminal." and "tty: cannot open %s (%s)." (level 3).
+ * "tty: %s is not a terminal.", "tty: cannot open %s (%s)." and, when a
+ * saved descriptor cannot be put back (the other still is, the record is
+ * cleared), "tty: cannot put the output back (%s)." (level 3).
  */
 #ifndef TOVI_TTY_H
 #define TOVI_TTY_H
