@@ -5,7 +5,8 @@
  *
  * tovi_tty_redirect keeps duplicates of descriptors 1 and 2 in the
  * caller's record and puts the device on both; tovi_tty_restore puts the
- * originals back and closes the duplicates. Buffered stdio output is
+ * originals back and closes the duplicates. A descriptor that was closed
+ * (a daemon's) is recorded as -1 and closed again by the restore. Buffered stdio output is
  * flushed before each switch, so it lands where it was written. The record
  * is the caller's: zero it before the first use. Switching is not
  * synchronised with other threads writing to descriptors 1 and 2.
@@ -31,8 +32,8 @@ TOVI_EXTERN_C_BEGIN
 
 /** The original descriptors while output is switched. */
 typedef struct tovi_tty_saved_s {
-    int32_t out;     /**< duplicate of the original standard output */
-    int32_t err;     /**< duplicate of the original standard error */
+    int32_t out;     /**< duplicate of the original standard output, -1 when it was closed */
+    int32_t err;     /**< duplicate of the original standard error, -1 when it was closed */
     uint32_t active; /**< 1 while switched */
 } tovi_tty_saved_s;
 
