@@ -48,6 +48,8 @@ TEST(SocketPlain, Streams)
     const int port = tovi_sock_local_port(l);
     ASSERT_GT(port, 0);
     EXPECT_EQ(tovi_sock_accept(l, 20), -ETIMEDOUT);
+    ASSERT_EQ(fcntl(l, F_SETFL, 0), 0);  // blocking, as one made elsewhere may be: the time-out still holds
+    EXPECT_EQ(tovi_sock_accept(l, 20), -ETIMEDOUT);
     exchange(l, tovi_sock_tcp_connect("127.0.0.1", static_cast<uint16_t>(port), 1000));
     EXPECT_EQ(tovi_sock_tcp_connect("127.0.0.1", static_cast<uint16_t>(port), 1000), -ECONNREFUSED);
 

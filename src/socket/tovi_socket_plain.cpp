@@ -211,16 +211,21 @@ TOVI_API int tovi_sock_unix_connect(const char *path, uint32_t timeout_ms)
 TOVI_API int tovi_sock_accept(int fd, uint32_t timeout_ms)
 {
     const auto start = Clock::now();
-    for (;;) {
-        // The listener is non-blocking: a connection reset between poll and
-        // accept sends us back to waiting instead of blocking past the time-out.
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0)
+        return -errno;
+    // Our listeners are non-blocking: a connection reset between poll and
+    // accept sends us back to waiting instead of blocking past the time-out.
+    // A blocking one made elsewhere is accepted from only once poll saw a
+    // connection, else its accept would wait without bound.
+    for (bool wait = (flags & O_NONBLOCK) == 0;; wait = true) {
+        if (int rc = wait ? wait_for(fd, POLLIN, start, timeout_ms) : 0; rc != 0)
+            return rc;
         const int c = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (c >= 0)
             return c;
         if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED)
             return -errno;
-        if (int rc = wait_for(fd, POLLIN, start, timeout_ms); rc != 0)
-            return rc;
     }
 }
 
