@@ -112,7 +112,8 @@ TEST(Bonding, FixtureReports)
     ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond1", "Bonding Mode: IEEE 802.3ad Dynamic link aggregation\n" +
                                                                       std::string(255, '#') + "Slave Interface: tail\n"
                                                                       "MII Status: down\n802.3ad info\n"));
-    ASSERT_TRUE(tovi::test::write_file(r + "/sys/class/net/bonding_masters", "bond0 bond1 bond-with-a-far-too-long-name\n"));
+    ASSERT_TRUE(tovi::test::write_file(r + "/sys/class/net/bonding_masters", "bond0 bond1 bond-with-a-far-too-long-name " +
+                                                                        std::string(63, 'x') + "bond9\n"));
     ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond2", "Ethernet Channel Bonding Driver: v6.1.0\n"));
 
     tovi_bond_info_s info;

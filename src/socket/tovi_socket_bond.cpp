@@ -2,6 +2,7 @@
 // the master's block first and one block per slave starting at "Slave
 // Interface:". Lines we do not know are skipped, so newer drivers that add
 // lines still read.
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -132,7 +133,11 @@ int bond_list_at(const std::string &root, char (*names)[TOVI_BOND_IFNAME_LEN], u
         return 0;  // no bonding driver, no masters
     char word[64];
     while (std::fscanf(f, "%63s", word) == 1) {
-        if (!valid_ifname(word))
+        // A word longer than the buffer comes in pieces: its tail is no name of its own.
+        bool whole = true;
+        for (int c = std::fgetc(f); c != EOF && std::isspace(c) == 0; c = std::fgetc(f))
+            whole = false;
+        if (!whole || !valid_ifname(word))
             continue;
         if (*count < max)
             copy(names[*count], TOVI_BOND_IFNAME_LEN, word);
