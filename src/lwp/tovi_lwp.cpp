@@ -308,7 +308,7 @@ TOVI_API uint32_t tovi_lwp_list(tovi_lwp_info_s *out, uint32_t max)
             break;
         tovi_lwp_info_s &info = out[i++];
         std::memset(&info, 0, sizeof info);
-        std::memcpy(info.type, inst->type->name, std::strlen(inst->type->name) + 1);
+        std::memcpy(info.type, inst->type->name, strnlen(inst->type->name, TOVI_LWP_NAME_LEN - 1));
         info.ctx = inst->ctx;
         info.vars = inst->nvars;
         info.bytes = inst->bytes;
