@@ -94,6 +94,7 @@ TEST(Lwp, LifeCycle)
     EXPECT_EQ(tovi_lwp_list(nullptr, 0), 0u);
     EXPECT_EQ(tovi_lwp_type_unregister(&ctl) | tovi_lwp_type_unregister(&io), 0);
     EXPECT_EQ(tovi_lwp_type_unregister(&io), -ENOENT);
+    EXPECT_EQ(log.texts(3).back(), "lwp: type io_context is not registered.");
 }
 
 TEST(Lwp, LookupsRaceCreation)

@@ -48,6 +48,8 @@ TEST(SocketPlain, Streams)
     const int port = tovi_sock_local_port(l);
     ASSERT_GT(port, 0);
     EXPECT_EQ(tovi_sock_accept(l, 20), -ETIMEDOUT);
+    ASSERT_EQ(fcntl(l, F_SETFL, 0), 0);  // blocking, as one made elsewhere may be: the time-out still holds
+    EXPECT_EQ(tovi_sock_accept(l, 20), -ETIMEDOUT);
     exchange(l, tovi_sock_tcp_connect("127.0.0.1", static_cast<uint16_t>(port), 1000));
     EXPECT_EQ(tovi_sock_tcp_connect("127.0.0.1", static_cast<uint16_t>(port), 1000), -ECONNREFUSED);
 
@@ -64,6 +66,10 @@ TEST(SocketPlain, Streams)
         l = tovi_sock_unix_listen(path.c_str(), 4);
         exchange(l, tovi_sock_unix_connect(path.c_str(), 1000));
     }
+    l = tovi_sock_unix_listen(path.c_str(), 0);  // a full backlog is waited out, not a descriptor never connected
+    const int first = tovi_sock_unix_connect(path.c_str(), 1000);
+    EXPECT_EQ(tovi_sock_unix_connect(path.c_str(), 50), -ETIMEDOUT);
+    EXPECT_EQ(close(first) | close(l), 0);
     ASSERT_TRUE(tovi::test::write_file(plain, "keep"));
     EXPECT_EQ(tovi_sock_unix_listen(plain.c_str(), 4), -EEXIST);
     EXPECT_EQ(tovi::test::read_file(plain), "keep");
@@ -103,9 +109,11 @@ TEST(Bonding, FixtureReports)
     const std::string r = root;
     ASSERT_EQ(system(("mkdir -p " + r + "/proc/net/bonding " + r + "/sys/class/net && cp " TOVI_TEST_DATA
                       "/bonding/bond0 " + r + "/proc/net/bonding/").c_str()), 0);
-    ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond1", "Bonding Mode: IEEE 802.3ad Dynamic link aggregation\n"
+    ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond1", "Bonding Mode: IEEE 802.3ad Dynamic link aggregation\n" +
+                                                                      std::string(255, '#') + "Slave Interface: tail\n"
                                                                       "MII Status: down\n802.3ad info\n"));
-    ASSERT_TRUE(tovi::test::write_file(r + "/sys/class/net/bonding_masters", "bond0 bond1 bond-with-a-far-too-long-name\n"));
+    ASSERT_TRUE(tovi::test::write_file(r + "/sys/class/net/bonding_masters", "bond0 bond1 bond-with-a-far-too-long-name " +
+                                                                        std::string(63, 'x') + "bond9\n"));
     ASSERT_TRUE(tovi::test::write_file(r + "/proc/net/bonding/bond2", "Ethernet Channel Bonding Driver: v6.1.0\n"));
 
     tovi_bond_info_s info;

@@ -59,6 +59,14 @@ TEST(Tty, SwitchToATerminalAndBack)
                                                       "tty: cannot open /nonexistent/tty (No such file or directory).",
                                                       "tty: cannot open " + fifo + " (No such device or address).",
                                                       "tty: output sent to " + pts + ".", "tty: output restored."}));
+    const int keep_out = dup(STDOUT_FILENO);  // a closed standard output: switched, then closed again
+    close(STDOUT_FILENO);
+    const int sent = tovi_tty_redirect(pts.c_str(), &saved);
+    const bool on_tty = isatty(STDOUT_FILENO) == 1;
+    const int back = tovi_tty_restore(&saved), gone = fcntl(STDOUT_FILENO, F_GETFD);
+    dup2(keep_out, STDOUT_FILENO);
+    close(keep_out);
+    EXPECT_TRUE(sent == 0 && on_tty && back == 0 && gone == -1);
     close(master);
     unlink(file);
     unlink(fifo.c_str());

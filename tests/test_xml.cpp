@@ -126,6 +126,7 @@ TEST(Bay, GoodAndBrokenFiles)
         log.clear();
         TempFile f(b.body);
         EXPECT_EQ(tovi_bay_read(f.path.c_str(), bays, 3, &n), -EINVAL) << b.body;
+        EXPECT_EQ(bays[0].slot, 3u) << b.body;  // the records are left as they were
         auto errors = log.texts(3);
         ASSERT_FALSE(errors.empty()) << b.body;
         EXPECT_EQ(errors.back(), "bay: " + f.path + ": " + b.reason + ".") << b.body;

@@ -7,12 +7,14 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "tovi_bay.hpp"
+#include "tovi_scope.hpp"
 #include "tovi_xml.h"
 
 #define TOVI_LOG_SOURCE "tovi_bay"
@@ -119,6 +121,7 @@ int parse_tree(tovi_xml_node_s *doc, const char *label, tovi_bay_s *bays, uint32
     if (next_real(tovi_xml_element_next(root)) != nullptr)
         return malformed(label, "more than one root element");
     uint64_t seen[(TOVI_BAY_SLOT_MAX + 64) / 64] = {};
+    std::vector<tovi_bay_s> read;  // the caller's records change only once the whole file passed
     uint32_t n = 0;
     for (tovi_xml_node_s *e = next_real(tovi_xml_element_first(root)); e != nullptr;
          e = next_real(tovi_xml_element_next(e))) {
@@ -135,8 +138,10 @@ int parse_tree(tovi_xml_node_s *doc, const char *label, tovi_bay_s *bays, uint32
             return malformed(label, "bay %u: slot %u appears twice", n, bay.slot);
         word |= 1ull << (bay.slot % 64);
         if (n <= max)
-            bays[n - 1] = bay;
+            read.push_back(bay);
     }
+    if (!read.empty())
+        std::memcpy(bays, read.data(), read.size() * sizeof read[0]);
     *count = n;
     if (n > max) {
         TOVI_LOG(tovi::log::kError, "bay: %s: %u bays, room for %u.", label, n, max);
@@ -155,9 +160,8 @@ int parse_fd(int fd, const char *label, tovi_bay_s *bays, uint32_t max, uint32_t
     tovi_xml_node_s *doc = tovi_xml_loadfd(fd);
     if (doc == nullptr)
         return malformed(label, "not well-formed XML");
-    const int rc = parse_tree(doc, label, bays, max, count);
-    tovi_xml_free(doc);
-    return rc;
+    tovi::ScopeExit free_doc([doc] { tovi_xml_free(doc); });
+    return parse_tree(doc, label, bays, max, count);
 }
 
 }  // namespace tovi::bay

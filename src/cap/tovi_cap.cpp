@@ -161,8 +161,11 @@ TOVI_API int tovi_cap_setuid_keep(uint32_t uid, uint32_t gid, const char *names)
     if (int rc = permitted_mask(names, &mask); rc != 0)
         return rc;
     // Keep the permitted set through the change of user id, for this change only.
-    if (prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0)
-        return -errno;
+    if (prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0) {
+        const int err = errno;
+        TOVI_LOG(tovi::log::kError, "cap: keeping capabilities across the change of ids refused (%s).", std::strerror(err));
+        return -err;
+    }
     tovi::ScopeExit no_keep([] { prctl(PR_SET_KEEPCAPS, 0, 0, 0, 0); });
     const char *step = nullptr;
     if (setgroups(0, nullptr) != 0)

@@ -5,6 +5,7 @@
 #include "tovi_crypt.h"
 
 #include <cerrno>
+#include <cstdint>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -40,9 +41,23 @@ EVP_CIPHER_CTX *make_ctx(const EVP_CIPHER *cipher, const uint8_t *raw, int enc, 
     return ctx;
 }
 
-int one_block(void *ctx, const uint8_t *in, uint8_t *out)
+// A record holds a key only when its check matches its fields, so stack
+// garbage in a record never set up is not taken for contexts to free or use.
+uint32_t check_of(const tovi_aes_key_s *key)
 {
-    if (ctx == nullptr || in == nullptr || out == nullptr)
+    const uint64_t mix = (reinterpret_cast<uintptr_t>(key->enc) * 0x9E3779B97F4A7C15ull) ^
+                         reinterpret_cast<uintptr_t>(key->dec) ^ key->bits;
+    return static_cast<uint32_t>(mix >> 32) ^ static_cast<uint32_t>(mix) ^ 0x5A3C96E1u;
+}
+
+bool holds_key(const tovi_aes_key_s *key)
+{
+    return key->enc != nullptr && key->dec != nullptr && key->check == check_of(key);
+}
+
+int one_block(const tovi_aes_key_s *key, void *ctx, const uint8_t *in, uint8_t *out)
+{
+    if (key == nullptr || !holds_key(key) || in == nullptr || out == nullptr)
         return -EINVAL;
     int len = 0;
     if (EVP_CipherUpdate(static_cast<EVP_CIPHER_CTX *>(ctx), out, &len, in, TOVI_AES_BLOCK) != 1 ||
@@ -61,8 +76,10 @@ TOVI_API void tovi_aes_release(tovi_aes_key_s *key)
 {
     if (key == nullptr)
         return;
-    EVP_CIPHER_CTX_free(static_cast<EVP_CIPHER_CTX *>(key->enc));
-    EVP_CIPHER_CTX_free(static_cast<EVP_CIPHER_CTX *>(key->dec));
+    if (holds_key(key)) {
+        EVP_CIPHER_CTX_free(static_cast<EVP_CIPHER_CTX *>(key->enc));
+        EVP_CIPHER_CTX_free(static_cast<EVP_CIPHER_CTX *>(key->dec));
+    }
     OPENSSL_cleanse(key, sizeof *key);
 }
 
@@ -75,25 +92,27 @@ TOVI_API int tovi_aes_setkey(tovi_aes_key_s *key, const uint8_t *raw, uint32_t b
     }
     tovi_aes_release(key);
     int rc = 0;
-    key->enc = make_ctx(cipher, raw, 1, &rc);
-    if (key->enc != nullptr)
-        key->dec = make_ctx(cipher, raw, 0, &rc);
+    EVP_CIPHER_CTX *enc = make_ctx(cipher, raw, 1, &rc);
+    EVP_CIPHER_CTX *dec = enc != nullptr ? make_ctx(cipher, raw, 0, &rc) : nullptr;
     if (rc != 0) {
-        tovi_aes_release(key);
+        EVP_CIPHER_CTX_free(enc);
         return rc;
     }
+    key->enc = enc;
+    key->dec = dec;
     key->bits = bits;
+    key->check = check_of(key);
     return 0;
 }
 
 TOVI_API int tovi_aes_encrypt(const tovi_aes_key_s *key, const uint8_t *in, uint8_t *out)
 {
-    return key == nullptr ? -EINVAL : one_block(key->enc, in, out);
+    return one_block(key, key != nullptr ? key->enc : nullptr, in, out);
 }
 
 TOVI_API int tovi_aes_decrypt(const tovi_aes_key_s *key, const uint8_t *in, uint8_t *out)
 {
-    return key == nullptr ? -EINVAL : one_block(key->dec, in, out);
+    return one_block(key, key != nullptr ? key->dec : nullptr, in, out);
 }
 
 }  // extern "C"

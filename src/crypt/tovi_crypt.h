@@ -6,9 +6,12 @@
  *
  * The caller owns the key record; tovi_aes_setkey fills it (releasing what
  * it held before), tovi_aes_release frees the cipher contexts and wipes the
- * record, so no key schedule stays in memory. A record must be zeroed
- * (or released) before its first tovi_aes_setkey. One record may serve one
- * thread at a time; separate records are independent.
+ * record, so no key schedule stays in memory. A record needs no preparation:
+ * the functions touch only contexts that the record's check value ties to
+ * it, so an uninitialised record reads as one without a key (zeroing it
+ * first does no harm). A record given up without tovi_aes_release leaks its
+ * contexts, and copies of a record share them: release one copy only. One
+ * record may serve one thread at a time; separate records are independent.
  *
  * Results (negated errno family): 0 success, -22 a NULL argument, a key
  * length other than 128, 192 or 256 bits, or a record without a key; -12 no
@@ -29,6 +32,7 @@ typedef struct tovi_aes_key_s {
     void *enc;     /**< encryption context */
     void *dec;     /**< decryption context */
     uint32_t bits; /**< 128, 192 or 256; 0 without a key */
+    uint32_t check; /**< ties the fields together; a record that does not match holds no key */
 } tovi_aes_key_s;
 
 /** Sets up `key` from `bits` / 8 bytes of `raw`: 0, -22, -12 or -5. */

@@ -72,6 +72,13 @@ void run_dtor(tovi_lwp_inst_s *inst)
     std::free(inst);
 }
 
+// An unregistered record's name may be anything: printed up to its size at most.
+void not_registered(const tovi_lwp_type_s *type)
+{
+    TOVI_LOG(tovi::log::kError, "lwp: type %.*s is not registered.", type != nullptr ? TOVI_LWP_NAME_LEN - 1 : 6,
+             type != nullptr ? type->name : "(none)");
+}
+
 // Unfiles the instance; the caller holds g_create and then runs run_dtor.
 void unfile(tovi_lwp_inst_s *inst)
 {
@@ -113,8 +120,10 @@ TOVI_API int tovi_lwp_type_unregister(tovi_lwp_type_s *type)
     std::lock_guard create(g_create);
     std::unique_lock lock(g_map);
     auto it = g_types.find(type);
-    if (it == g_types.end())
+    if (it == g_types.end()) {
+        not_registered(type);
         return -ENOENT;
+    }
     if (it->second.instances != 0) {
         TOVI_LOG(tovi::log::kError, "lwp: type %s still has %u instances.", type->name, it->second.instances);
         return -EBUSY;
@@ -133,8 +142,10 @@ TOVI_API int tovi_lwp_var_define(tovi_lwp_type_s *type, const char *name, uint32
         std::lock_guard create(g_create);
         std::unique_lock lock(g_map);
         auto it = g_types.find(type);
-        if (it == g_types.end())
+        if (it == g_types.end()) {
+            not_registered(type);
             return -ENOENT;
+        }
         TypeState &state = it->second;
         if (state.instances != 0) {
             TOVI_LOG(tovi::log::kError, "lwp: variable %s defined while type %s has instances.", name, type->name);
@@ -156,15 +167,17 @@ TOVI_API int tovi_lwp_var_define(tovi_lwp_type_s *type, const char *name, uint32
 
 TOVI_API int tovi_lwp_create(tovi_lwp_type_s *type, uint32_t ctx, void *arg, tovi_lwp_inst_s **out)
 {
-    if (type == nullptr)
+    if (type == nullptr) {
+        not_registered(type);
         return -EINVAL;
+    }
     std::lock_guard create(g_create);
     tovi_lwp_inst_s *inst = nullptr;
     {
         std::unique_lock lock(g_map);
         auto it = g_types.find(type);
         if (it == g_types.end()) {
-            TOVI_LOG(tovi::log::kError, "lwp: type %s is not registered.", type->name);
+            not_registered(type);
             return -ENOENT;
         }
         if (g_by_key.count(Key{type, ctx}) != 0) {
@@ -244,8 +257,10 @@ TOVI_API uint32_t tovi_lwp_ctx(const tovi_lwp_inst_s *inst)
 
 TOVI_API int tovi_lwp_destroy(tovi_lwp_inst_s *inst)
 {
-    if (inst == nullptr)
+    if (inst == nullptr) {
+        TOVI_LOG(tovi::log::kError, "lwp: %p is not a live instance.", static_cast<void *>(inst));
         return -EINVAL;
+    }
     std::lock_guard create(g_create);
     {
         // Only a filed instance is touched: a stale pointer is refused, not freed twice.
@@ -293,7 +308,7 @@ TOVI_API uint32_t tovi_lwp_list(tovi_lwp_info_s *out, uint32_t max)
             break;
         tovi_lwp_info_s &info = out[i++];
         std::memset(&info, 0, sizeof info);
-        std::memcpy(info.type, inst->type->name, std::strlen(inst->type->name) + 1);
+        std::memcpy(info.type, inst->type->name, strnlen(inst->type->name, TOVI_LWP_NAME_LEN - 1));
         info.ctx = inst->ctx;
         info.vars = inst->nvars;
         info.bytes = inst->bytes;

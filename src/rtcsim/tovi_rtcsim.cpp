@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <string>
 
 #include <unistd.h>
 
@@ -94,7 +93,7 @@ TOVI_API int tovi_rtcsim_command(tovi_rtcsim_s *rtc, int argc, const char *const
     bool set = false, hctosys = false, systohc = false, show = false;
     const char *date = nullptr;
     for (int i = 0; i < argc; ++i) {
-        const char *a = argv[i];
+        const char *a = argv[i] != nullptr ? argv[i] : "";
         if (std::strcmp(a, "--set") == 0)
             set = true;
         else if (std::strncmp(a, "--date=", 7) == 0)
@@ -158,16 +157,20 @@ TOVI_API int tovi_rtcsim_save(const tovi_rtcsim_s *rtc, const char *path)
 {
     if (rtc == nullptr || path == nullptr)
         return -EINVAL;
-    const std::string tmp = std::string(path) + ".new";
-    FILE *f = std::fopen(tmp.c_str(), "we");
+    char tmp[4096];
+    if (std::snprintf(tmp, sizeof tmp, "%s.new", path) >= static_cast<int>(sizeof tmp)) {
+        TOVI_LOG(tovi::log::kError, "rtcsim: cannot save the clock to %s.", path);
+        return -EIO;
+    }
+    FILE *f = std::fopen(tmp, "we");
     bool ok = f != nullptr &&
               std::fprintf(f, "utc=%" PRId64 " stamp_ns=%" PRIu64 " hctosys=%" PRId64 " sets=%" PRIu32 "\n", rtc->utc,
                            rtc->stamp_ns, rtc->hctosys, rtc->sets) > 0;
     if (f != nullptr)
         ok = std::fclose(f) == 0 && ok;
-    if (!ok || std::rename(tmp.c_str(), path) != 0) {
+    if (!ok || std::rename(tmp, path) != 0) {
         TOVI_LOG(tovi::log::kError, "rtcsim: cannot save the clock to %s.", path);
-        unlink(tmp.c_str());
+        unlink(tmp);
         return -EIO;
     }
     return 0;

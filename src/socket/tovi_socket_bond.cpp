@@ -2,6 +2,7 @@
 // the master's block first and one block per slave starting at "Slave
 // Interface:". Lines we do not know are skipped, so newer drivers that add
 // lines still read.
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -82,6 +83,10 @@ int bond_query_at(const std::string &root, const char *ifname, tovi_bond_info_s 
     uint32_t listed = 0;
     char line[256];
     while (std::fgets(line, sizeof line, f) != nullptr) {
+        // The rest of an over-long line is dropped, not read as a line of its own.
+        if (std::strchr(line, '\n') == nullptr)
+            for (int c = std::fgetc(f); c != EOF && c != '\n';)
+                c = std::fgetc(f);
         line[std::strcspn(line, "\r\n")] = '\0';
         const char *v;
         if ((v = value_of(line, "Slave Interface")) != nullptr) {
@@ -97,6 +102,7 @@ int bond_query_at(const std::string &root, const char *ifname, tovi_bond_info_s 
             slave->link_failures = static_cast<uint32_t>(std::strtoul(v, nullptr, 10));
         } else if (slave == nullptr && (v = value_of(line, "Bonding Mode")) != nullptr) {
             copy(info->mode_text, sizeof info->mode_text, v);
+            info->mode = -1;  // a later mode line stands alone
             for (size_t m = 0; m < sizeof kModes / sizeof kModes[0]; ++m)
                 if (std::strncmp(v, kModes[m].proc_text, std::strlen(kModes[m].proc_text)) == 0)
                     info->mode = static_cast<int32_t>(m);
@@ -127,7 +133,11 @@ int bond_list_at(const std::string &root, char (*names)[TOVI_BOND_IFNAME_LEN], u
         return 0;  // no bonding driver, no masters
     char word[64];
     while (std::fscanf(f, "%63s", word) == 1) {
-        if (!valid_ifname(word))
+        // A word longer than the buffer comes in pieces: its tail is no name of its own.
+        bool whole = true;
+        for (int c = std::fgetc(f); c != EOF && std::isspace(c) == 0; c = std::fgetc(f))
+            whole = false;
+        if (!whole || !valid_ifname(word))
             continue;
         if (*count < max)
             copy(names[*count], TOVI_BOND_IFNAME_LEN, word);

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 
 #define TOVI_LOG_SOURCE "tovi_socket"
@@ -72,7 +73,10 @@ int left_ms(Clock::time_point start, uint32_t timeout_ms)
     if (timeout_ms == TOVI_SOCK_WAIT_FOREVER)
         return -1;
     const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-    return spent >= timeout_ms ? 0 : static_cast<int>(timeout_ms - spent);
+    if (spent >= timeout_ms)
+        return 0;
+    // Beyond INT_MAX, poll would take the count as negative: no bound at all.
+    return timeout_ms - spent > INT_MAX ? INT_MAX : static_cast<int>(timeout_ms - spent);
 }
 
 // Waits for `events` on fd: 0 when ready, -ETIMEDOUT, or a negated errno.
@@ -103,12 +107,25 @@ int connect_to(const Address &a, uint32_t timeout_ms)
     if (fd < 0)
         return fd;
     int rc = 0;
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&a.ss), a.len) != 0) {
-        rc = errno == EINPROGRESS || errno == EAGAIN ? wait_for(fd, POLLOUT, start, timeout_ms) : -errno;
+    while (connect(fd, reinterpret_cast<const sockaddr *>(&a.ss), a.len) != 0) {
+        if (errno == EAGAIN && a.family == AF_UNIX) {
+            // The listener's backlog is full and nothing is under way (poll
+            // would report the bare socket ready): try again shortly.
+            const int left = left_ms(start, timeout_ms);
+            if (left == 0) {
+                rc = -ETIMEDOUT;
+                break;
+            }
+            poll(nullptr, 0, left < 0 || left > 10 ? 10 : left);
+            continue;
+        }
+        // EAGAIN from TCP means no local port is free: a failure, not a wait.
+        rc = errno == EINPROGRESS ? wait_for(fd, POLLOUT, start, timeout_ms) : -errno;
         int err = 0;
         socklen_t len = sizeof err;
         if (rc == 0 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err != 0)
             rc = -err;
+        break;
     }
     if (rc == 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
         rc = -errno;
@@ -194,23 +211,30 @@ TOVI_API int tovi_sock_unix_connect(const char *path, uint32_t timeout_ms)
 TOVI_API int tovi_sock_accept(int fd, uint32_t timeout_ms)
 {
     const auto start = Clock::now();
-    for (;;) {
-        // The listener is non-blocking: a connection reset between poll and
-        // accept sends us back to waiting instead of blocking past the time-out.
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0)
+        return -errno;
+    // Our listeners are non-blocking: a connection reset between poll and
+    // accept sends us back to waiting instead of blocking past the time-out.
+    // A blocking one made elsewhere is accepted from only once poll saw a
+    // connection, else its accept would wait without bound.
+    for (bool wait = (flags & O_NONBLOCK) == 0;; wait = true) {
+        if (int rc = wait ? wait_for(fd, POLLIN, start, timeout_ms) : 0; rc != 0)
+            return rc;
         const int c = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (c >= 0)
             return c;
         if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED)
             return -errno;
-        if (int rc = wait_for(fd, POLLIN, start, timeout_ms); rc != 0)
-            return rc;
     }
 }
 
 TOVI_API int64_t tovi_sock_send(int fd, const void *buf, size_t len, uint32_t timeout_ms)
 {
-    if (buf == nullptr && len != 0)
+    if (buf == nullptr && len != 0) {
+        TOVI_LOG(tovi::log::kError, "sock: bad buffer.");
         return -EINVAL;
+    }
     const auto start = Clock::now();
     size_t done = 0;
     while (done < len) {
@@ -229,8 +253,10 @@ TOVI_API int64_t tovi_sock_send(int fd, const void *buf, size_t len, uint32_t ti
 
 TOVI_API int64_t tovi_sock_recv(int fd, void *buf, size_t len, uint32_t timeout_ms)
 {
-    if (buf == nullptr || len == 0)
+    if (buf == nullptr || len == 0) {
+        TOVI_LOG(tovi::log::kError, "sock: bad buffer.");
         return -EINVAL;
+    }
     const auto start = Clock::now();
     for (;;) {
         const ssize_t n = recv(fd, buf, len, MSG_DONTWAIT);
@@ -246,7 +272,11 @@ TOVI_API int64_t tovi_sock_recv(int fd, void *buf, size_t len, uint32_t timeout_
 TOVI_API int64_t tovi_sock_sendto(int fd, const void *buf, size_t len, const char *addr, uint16_t port)
 {
     Address a;
-    if ((buf == nullptr && len != 0) || addr == nullptr || addr[0] == '\0' || !parse_ip(addr, port, &a))
+    if ((buf == nullptr && len != 0) || addr == nullptr || addr[0] == '\0') {
+        TOVI_LOG(tovi::log::kError, "sock: bad datagram or destination.");
+        return -EINVAL;
+    }
+    if (!parse_ip(addr, port, &a))
         return -EINVAL;
     const ssize_t n = sendto(fd, buf, len, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&a.ss), a.len);
     return n >= 0 ? n : -errno;

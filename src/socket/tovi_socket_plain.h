@@ -51,7 +51,8 @@ TOVI_API int tovi_sock_unix_listen(const char *path, int backlog);
 /** Connects a Unix stream socket to `path` within `timeout_ms`. */
 TOVI_API int tovi_sock_unix_connect(const char *path, uint32_t timeout_ms);
 
-/** Accepts one connection on a listening socket within `timeout_ms`: the new descriptor (close-on-exec). */
+/** Accepts one connection on a listening socket (also a blocking one made elsewhere) within `timeout_ms`:
+ * the new descriptor (close-on-exec). */
 TOVI_API int tovi_sock_accept(int fd, uint32_t timeout_ms);
 
 /** Sends all `len` bytes within `timeout_ms` in total: `len`, or a negated errno

@@ -24,6 +24,21 @@ int dup2_retry(int from, int to)
     return rc;
 }
 
+// What stands at `std_fd`, as a close-on-exec duplicate, or -1 when it is closed.
+int keep(int std_fd, int *saved)
+{
+    *saved = fcntl(std_fd, F_DUPFD_CLOEXEC, 3);
+    return *saved >= 0 || errno == EBADF ? 0 : -errno;
+}
+
+// Puts `saved` back at `std_fd`; a descriptor that was closed is closed again.
+int put_back(int saved, int std_fd)
+{
+    if (saved < 0)
+        return close(std_fd) == 0 || errno == EBADF ? 0 : -errno;
+    return dup2_retry(saved, std_fd) < 0 ? -errno : 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -40,6 +55,13 @@ TOVI_API int tovi_tty_redirect(const char *device, tovi_tty_saved_s *saved)
     // a FIFO for a reader. Blocking again before the switch, as the status
     // flags are shared with descriptors 1 and 2.
     int fd = open(device, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    if (fd >= 0 && fd <= STDERR_FILENO) {  // 1 or 2 is closed and the open took its number
+        const int high = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+        const int e = errno;
+        close(fd);
+        fd = high;
+        errno = e;
+    }
     if (fd >= 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
         const int err = errno;
         close(fd);
@@ -58,15 +80,15 @@ TOVI_API int tovi_tty_redirect(const char *device, tovi_tty_saved_s *saved)
     }
     std::fflush(stdout);
     std::fflush(stderr);
-    const int out = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    const int err = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-    int rc = 0;
-    if (out < 0 || err < 0 || dup2_retry(fd, STDOUT_FILENO) < 0 || dup2_retry(fd, STDERR_FILENO) < 0) {
+    int out = -1, err = -1;
+    int rc = keep(STDOUT_FILENO, &out);
+    if (rc == 0)
+        rc = keep(STDERR_FILENO, &err);
+    if (rc == 0 && dup2_retry(fd, STDOUT_FILENO) < 0) {
         rc = -errno;
-        if (out >= 0)
-            dup2_retry(out, STDOUT_FILENO);
-        if (err >= 0)
-            dup2_retry(err, STDERR_FILENO);
+    } else if (rc == 0 && dup2_retry(fd, STDERR_FILENO) < 0) {
+        rc = -errno;
+        put_back(out, STDOUT_FILENO);
     }
     close(fd);
     if (rc != 0) {
@@ -89,11 +111,20 @@ TOVI_API int tovi_tty_restore(tovi_tty_saved_s *saved)
         return -EINVAL;
     std::fflush(stdout);
     std::fflush(stderr);
-    const int rc = dup2_retry(saved->out, STDOUT_FILENO) < 0 || dup2_retry(saved->err, STDERR_FILENO) < 0 ? -errno : 0;
-    close(saved->out);
-    close(saved->err);
+    // Both are put back even when one fails: standard error must not stay on
+    // the device because standard output's duplicate went missing.
+    int rc = put_back(saved->out, STDOUT_FILENO);
+    if (const int e = put_back(saved->err, STDERR_FILENO); rc == 0)
+        rc = e;
+    if (saved->out >= 0)
+        close(saved->out);
+    if (saved->err >= 0)
+        close(saved->err);
     *saved = {};
-    TOVI_LOG(tovi::log::kInfo, "tty: output restored.");
+    if (rc != 0)
+        TOVI_LOG(tovi::log::kError, "tty: cannot put the output back (%s).", std::strerror(-rc));
+    else
+        TOVI_LOG(tovi::log::kInfo, "tty: output restored.");
     return rc;
 }
 
