@@ -120,8 +120,8 @@ TEST(Timezone, StoredDstRules)
         EXPECT_EQ(tovi_time_ckdst(1, static_cast<uint64_t>(timegm(&tm))), c.rc) << c.begin << " " << c.month << "-" << c.day << " " << c.hour;
     }
     tovi_time_ckdst(1, 1);  // reported once only
-    tovi_time_setdstflag("DstFlag=0");
     tovi_time_setdstbegintime("DstBeginTime=03-29 02:00:00");
+    tovi_time_setdstflag("DstFlag=0");
     EXPECT_EQ(tovi_time_ckdst(1, 1720000000), -1);
     EXPECT_EQ(cap.texts(), Texts{"NUBO_CheckIsDSTTime: Date length is not enough."});
     EXPECT_EQ(std::string(m_ascTZName) + m_ascDstBeginTime, "Europe/Paris03-29 02:00:00");
@@ -146,7 +146,8 @@ TEST(Timezone, OffsetsFilterAndShell)
     struct Case { std::string cmd; bool with_out; int32_t rc; std::string out; };
     const Case cases[] = {{"printf 'one\\ntwo\\n'", true, 0, "one\ntwo\n"}, {"ls -d / /none-such", true, 2, "/\n"},
                           {"true", false, 0, ""}, {"ls /none-such", false, -1, ""}, {"echo x | cat", false, -1, ""},
-                          {big, false, -7, ""}, {"printf '%0300d\\n'", true, 0, std::string(255, '0')}};
+                          {big, false, -7, ""}, {"printf '%0300d\\n'", true, 0, std::string(255, '0')},
+                          {"false" + std::string(208, ' '), false, 1, ""}};  // the longest command keeps its status
     for (const Case &c : cases) {
         out[0] = '\0';
         EXPECT_EQ(tovi::timezone::time_popen_shell(c.cmd.c_str(), c.with_out ? out : nullptr, sizeof out), c.rc) << c.cmd;
@@ -326,9 +327,11 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
         CHILD_CHECK(tovi_zonename_get_by_sysconfig(name, sizeof name) == -1 && write_file("/etc/sysconfig/clock", "ZONE=x\nDEFAULT_TIMEZONE=\"Europe/Rome\"\n") &&
                     tovi_zonename_get_by_sysconfig(name, sizeof name) == 0 && std::string(name) == "Europe/Rome");
         CHILD_CHECK(tovi_timezone_set("Nowhere/City") == -2 && tovi_timezone_set("a;b") == -22 && tovi_timezone_set(std::string(600, 'a').c_str()) == -1);
+        const std::string near = "././././././././././././././././" "./Etc/GMT+11";  // its file path fills the buffer exactly
+        CHILD_CHECK(tovi_timezone_set(near.c_str()) == -1 && readlink("/etc/localtime", link, sizeof link) == 30);
         CHILD_CHECK(write_file("/tmp/tdc-ok", "") && tovi_timezone_set("Asia/Seoul") == 0 && unlink("/tmp/tdc-ok") == 0);
         CHILD_CHECK(unlink("/etc/localtime") == 0 && tovi_timezone_set("Asia/Tokyo") == -2);
-        CHILD_CHECK(calls("timedatectl set") == "timedatectl set-timezone Asia/Tokyo\ntimedatectl set-timezone Nowhere/City\n"
+        CHILD_CHECK(calls("timedatectl set") == "timedatectl set-timezone Asia/Tokyo\ntimedatectl set-timezone Nowhere/City\ntimedatectl set-timezone " + near + "\n"
                                                 "timedatectl set-timezone Asia/Seoul\ntimedatectl set-timezone Asia/Tokyo\n");
         time_t zero = 0, past = 3124224000, last = 3124223999;
         CHILD_CHECK(tovi_time_settime(&zero) == -1 && tovi_time_settime(&past) == -1 && calls() == "");
@@ -342,7 +345,7 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
         CHILD_CHECK(write_file("/tmp/hw-fail", "9") && tovi_time_settime(&last) == -1 && calls("hwclock") == rtc + sys + sys + sys + sys);
         CHILD_CHECK(cap.texts() == Texts({"Result of Timedatectl is null.", "Zonename_get_by_sysconfig failed,  return -1.", "Cannot find /usr/share/zoneinfo/Nowhere/City timezone file.",
                                           "Param error: pscTimeZoneName(a;b) is dangerous.",
-                                          "snprintf_s secure function failed, destMax<512>, count<511>.", "timedatectl cmd success.",
+                                          "snprintf_s secure function failed, destMax<512>, count<511>.", "Zone_info_file snprintf failed, return 64.", "timedatectl cmd success.",
                                           "Cannot find /etc/localtime file.", "Input time param is error.", "Input time param is error.",
                                           "Sync time from RTC to system failed, return value is 256."}));
         return std::string();

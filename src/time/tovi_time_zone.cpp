@@ -82,7 +82,9 @@ int32_t time_popen_shell(const char *cmd, char *out, uint32_t outLen)
         TOVI_LOG(tovi::log::kError, "The input shell command string is too long.");
         return -7;
     }
-    char wrapped[kCmdMax];
+    // A command at the length limit wraps to exactly kCmdMax characters; one
+    // byte short, the status marker's "$?" lost its '?' and read as 0.
+    char wrapped[kCmdMax + 1];
     if (out == nullptr)
         snprintf_s(wrapped, sizeof wrapped, "%s 2>/dev/stdout 1>/dev/null; echo zumshell$?", cmd);
     else if (std::strchr(cmd, '&') != nullptr)
@@ -128,7 +130,8 @@ extern "C" {
 
 int32_t tovi_time_zone_name_set(const char *name, uint32_t)
 {
-    if (name == nullptr || sprintf_s(m_ascTimeZoneName, sizeof m_ascTimeZoneName, "%s", name) < 0) {
+    if (name == nullptr ||
+        !formatted(sprintf_s(m_ascTimeZoneName, sizeof m_ascTimeZoneName, "%s", name), sizeof m_ascTimeZoneName)) {
         TOVI_LOG(tovi::log::kError, "sprintf_s secure function failed, destMax<%lu>.", sizeof m_ascTimeZoneName);
         return -1;
     }
@@ -269,7 +272,7 @@ int32_t tovi_time_query_dstforregion(const char *zone, uint32_t *dstFlag)
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax];
-    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone) < 0)
+    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone), sizeof cmd))
         return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
@@ -292,7 +295,7 @@ int32_t tovi_time_query_dstconfinfoforregion(const char *zone, char *begin, char
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax] = "";
-    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone) < 0)
+    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone), sizeof cmd))
         return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
@@ -319,8 +322,9 @@ int32_t tovi_time_query_dstconfforregion(const char *zone, tovi_dst_rules_s *rul
     std::tm tm{};
     local_now(&tm);
     char cmd[kCmdMax], out[kCmdMax];
-    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone,
-                   tm.tm_year + 1900) < 0)
+    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone,
+                              tm.tm_year + 1900),
+                   sizeof cmd))
         return cmd_too_long(sizeof cmd);
     if (run_script(out, cmd) != 0) {
         TOVI_LOG(tovi::log::kError, "Get DST config info failed.");
