@@ -153,8 +153,12 @@ TEST(Timezone, OffsetsFilterAndShell)
         EXPECT_EQ(tovi::timezone::time_popen_shell(c.cmd.c_str(), c.with_out ? out : nullptr, sizeof out), c.rc) << c.cmd;
         EXPECT_EQ(std::string(c.with_out ? out : ""), c.out) << c.cmd;
     }
+    // A name one character too long is refused whole: the current one stays.
+    EXPECT_EQ(tovi_time_zone_name_set("Asia/Tokyo", 10) + tovi_time_zone_name_set(std::string(256, 'z').c_str(), 256), -1);
+    EXPECT_EQ(m_ascTimeZoneName, std::string("Asia/Tokyo"));
     EXPECT_EQ(cap.texts(), (Texts{"Execute shell failed, flags is 1.", "Param error: pscCmd(echo x | cat) is dangerous.",
-                                  "The input shell command string is too long.", "The length of output beyond 256."}));
+                                  "The input shell command string is too long.", "The length of output beyond 256.",
+                                  "sprintf_s secure function failed, destMax<256>."}));
 }
 
 // zdump's lines become transitions: one entry for everything before 1970, then each change one second late, to the

@@ -130,8 +130,9 @@ extern "C" {
 
 int32_t tovi_time_zone_name_set(const char *name, uint32_t)
 {
-    if (name == nullptr ||
-        !formatted(sprintf_s(m_ascTimeZoneName, sizeof m_ascTimeZoneName, "%s", name), sizeof m_ascTimeZoneName)) {
+    // Measured first: a failed sprintf_s would leave the current name emptied or cut.
+    if (name == nullptr || std::strlen(name) >= sizeof m_ascTimeZoneName ||
+        sprintf_s(m_ascTimeZoneName, sizeof m_ascTimeZoneName, "%s", name) < 0) {
         TOVI_LOG(tovi::log::kError, "sprintf_s secure function failed, destMax<%lu>.", sizeof m_ascTimeZoneName);
         return -1;
     }
