@@ -164,7 +164,8 @@ bool time_docheckdsttime(const DstFacts &f)
         return false;
     }
     char shifted[20];
-    format_date(f.local + static_cast<int64_t>(f.minutes) * 60, shifted);
+    // Unsigned: a moment near the top of the range wraps instead of overflowing.
+    format_date(static_cast<int64_t>(static_cast<uint64_t>(f.local) + uint64_t{f.minutes} * 60), shifted);
     static constexpr int kDate[10] = {5, 6, 8, 9, 11, 12, 14, 15, 17, 18};
     static constexpr int kRule[10] = {0, 1, 3, 4, 6, 7, 9, 10, 12, 13};
     uint64_t l = digits(f.date, kDate), s = digits(shifted, kDate);
