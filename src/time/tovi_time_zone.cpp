@@ -107,13 +107,18 @@ int32_t time_echo_timeinfotoproc()
 {
     char utcoff[32], zone[64] = "", style[32] = "", begin[kCmdMax], end[kCmdMax];
     uint32_t flag = 0, minutes = 0, reserved = 0;
-    if (tovi_time_gettz(utcoff, zone, style) != 0 || tovi_time_query_dstforregion(m_ascTimeZoneName, &flag) != 0 ||
+    if (tovi_time_gettz(utcoff, zone, style) != 0)
+        return -1;
+    // For UTC gettz fills the buffers only: the offset globals and the kept
+    // name still describe the zone before, which the script must not be told.
+    const bool utc = std::strcmp(style, "UTC") == 0;
+    if (tovi_time_query_dstforregion(utc ? zone : m_ascTimeZoneName, &flag) != 0 ||
         tovi_time_querydstconf(begin, end, &minutes, &reserved) != 0)
         return -1;
     snprintf_s(m_ascCmd, sizeof m_ascCmd,
                "/ZSR/script/os_get_tmtz.sh         \"%s\" \"%s\" \"%u\" \"%s\" \"%s\" \"%u\" \"%d\" \"%d\" \"%c\" \"%s\"",
-               "tokproc", zone, flag, begin, end, minutes, m_siTimeZoneUTCHours, m_siTimeZoneMinutes,
-               static_cast<char>(m_siTimeZoneOffsetDir), style);
+               "tokproc", zone, flag, begin, end, minutes, utc ? 0 : m_siTimeZoneUTCHours, utc ? 0 : m_siTimeZoneMinutes,
+               utc ? '+' : static_cast<char>(m_siTimeZoneOffsetDir), style);
     int32_t rc = tovi_system_s(m_ascCmd, nullptr);
     if (rc != 0) {
         TOVI_LOG(tovi::log::kError, "Call system(acCmd) err %s(%d).", m_ascCmd, rc);
