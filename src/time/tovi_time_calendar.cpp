@@ -135,7 +135,8 @@ int32_t time_get_localtimeInfo(uint64_t utc, DstFacts *facts)
         facts->date[0] = '\0';
     char utcoff[32], zone[64], style[32];
     uint32_t reserved = 0;
-    if (tovi_time_gettz(utcoff, zone, style) != 0 || tovi_time_query_dstforregion(m_ascTimeZoneName, &facts->flag) != 0 ||
+    // The zone gettz found: for UTC it leaves m_ascTimeZoneName at the zone before.
+    if (tovi_time_gettz(utcoff, zone, style) != 0 || tovi_time_query_dstforregion(zone, &facts->flag) != 0 ||
         tovi_time_querydstconf(facts->begin, facts->end, &facts->minutes, &reserved) != 0)
         return -1;
     return 0;
