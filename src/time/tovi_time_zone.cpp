@@ -161,7 +161,8 @@ void tovi_time_setzoneutc(char *utcoff, const struct tm *tm)
     // An offset of 0 reads '-': true UTC goes through tovi_time_setforutc.
     long off = tm->tm_gmtoff;
     m_siTimeZoneOffsetDir = off > 0 ? '+' : '-';
-    long abs = off < 0 ? -off : off;
+    // Unsigned, so that a caller's LONG_MIN has a magnitude too.
+    unsigned long abs = off < 0 ? 0ul - static_cast<unsigned long>(off) : static_cast<unsigned long>(off);
     m_siTimeZoneUTCHours = static_cast<int32_t>(abs / 3600);
     m_siTimeZoneMinutes = static_cast<int32_t>(abs % 3600 / 60);
     snprintf_s(utcoff, 32, "%c%02d:%02d", static_cast<char>(m_siTimeZoneOffsetDir), m_siTimeZoneUTCHours,
@@ -230,7 +231,7 @@ int32_t tovi_time_process_gmtoff(struct tm *tm)
         TOVI_LOG(tovi::log::kError, "Can not get dst info for dstOffset!");
         return -1;
     }
-    tm->tm_gmtoff -= static_cast<long>(minutes) * 60;
+    tm->tm_gmtoff = static_cast<long>(static_cast<unsigned long>(tm->tm_gmtoff) - minutes * 60ul);  // wraps, never overflows
     return 0;
 }
 
