@@ -180,6 +180,8 @@ int32_t tovi_time_gettz(char *utcoff, char *zonename, char *style)
     }
     if (tm.tm_zone != nullptr && std::strcmp(tm.tm_zone, "UTC") == 0) {
         tovi_time_setforutc(utcoff, zonename, style);
+        if (style != nullptr)  // the current abbreviation, not the zone before's
+            snprintf_s(m_ascTimeZoneStyle, sizeof m_ascTimeZoneStyle, "%s", "UTC");
         return 0;
     }
     if (tm.tm_isdst == 1)
