@@ -165,9 +165,10 @@ int32_t tovi_zonename_get_by_soft_link(char *buf, uint32_t len)
 {
     if (buf == nullptr)
         return -1;
-    char target[256];
+    // One byte more than a target may have, to tell a longer one (cut by readlink) apart.
+    char target[257];
     ssize_t n = readlink(kLocaltime, target, sizeof target - 1);
-    if (n <= 0)
+    if (n <= 0 || n > 255)
         return -1;
     target[n] = '\0';
     const char *at = std::strstr(target, kZoneDir);
