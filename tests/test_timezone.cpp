@@ -146,14 +146,16 @@ TEST(Timezone, OffsetsFilterAndShell)
     struct Case { std::string cmd; bool with_out; int32_t rc; std::string out; };
     const Case cases[] = {{"printf 'one\\ntwo\\n'", true, 0, "one\ntwo\n"}, {"ls -d / /none-such", true, 2, "/\n"},
                           {"true", false, 0, ""}, {"ls /none-such", false, -1, ""}, {"echo x | cat", false, -1, ""},
-                          {big, false, -7, ""}, {"printf '%0300d\\n'", true, 0, std::string(255, '0')}};
+                          {big, false, -7, ""}, {"printf '%0300d\\n'", true, 0, std::string(255, '0')}, {"false" + std::string(208, ' '), false, 1, ""}};
     for (const Case &c : cases) {
         out[0] = '\0';
         EXPECT_EQ(tovi::timezone::time_popen_shell(c.cmd.c_str(), c.with_out ? out : nullptr, sizeof out), c.rc) << c.cmd;
         EXPECT_EQ(std::string(c.with_out ? out : ""), c.out) << c.cmd;
     }
+    EXPECT_EQ(tovi_time_zone_name_set("Asia/Tokyo", 10) + tovi_time_zone_name_set(std::string(256, 'z').c_str(), 256), -1);
+    EXPECT_EQ(m_ascTimeZoneName, std::string("Asia/Tokyo"));
     EXPECT_EQ(cap.texts(), (Texts{"Execute shell failed, flags is 1.", "Param error: pscCmd(echo x | cat) is dangerous.",
-                                  "The input shell command string is too long.", "The length of output beyond 256."}));
+                                  "The input shell command string is too long.", "The length of output beyond 256.", "sprintf_s secure function failed, destMax<256>."}));
 }
 
 // zdump's lines become transitions: one entry for everything before 1970, then each change one second late, to the
@@ -191,12 +193,14 @@ TEST(Timezone, ZdumpTableAndClockReads)
     EXPECT_EQ(tovi_time_getdsttime(&dst), 0);
     EXPECT_NEAR(double(local - utc), 28800, 2);
     EXPECT_NEAR(double(dst - utc), 28800, 2);
+    EXPECT_EQ(tovi_time_getlocal_fromutc(INT64_MAX), uint64_t(INT64_MAX) + 28800) << "wraps as unsigned";
     tovi::companion::user::timezone_table_reset();
     set_tz("Asia/Kolkata");
     EXPECT_EQ(tovi_time_getdst_fromutc(1000), 1000 + 19800u);
     set_tz(nullptr);
     tovi::timezone::ZdumpLine z;
     EXPECT_FALSE(tovi::timezone::read_dst_line("Europe/Berlin  Fri Mar 31 23:06:31 1893 UT = x", &z));
+    EXPECT_TRUE(tovi::timezone::read_dst_line("X  Thu Jan 1 0:0:2147483647 -2147483648 UT = Thu Jan 1 0:0:0 1970 X isdst=0 gmtoff=0", &z));
     EXPECT_EQ(cap.texts(), Texts{"read_dst_line: sscanf_s fail, 10, Europe/Berlin  Fri Mar 31 23:06:31 1893 UT = x."});
 }
 
@@ -305,8 +309,11 @@ TEST(Timezone, ZoneChainUnderPrivateRoot)
         // A cache that is no file keeps the table last pushed (a FIFO must not hold the push up).
         CHILD_CHECK(mkfifo("/var/run/timezone/Asia_Tokyo", 0600) == 0 && tovi_time_settz("Asia/Tokyo") == 0 &&
                     tovi_time_getlocal_fromutc(1000) == 1000 + 19800 && tovi_time_query_dstforregion(std::string(250, 'x').c_str(), &offset) == -1);
+        CHILD_CHECK(tovi_time_settz("Etc/UTC Europe/Berlin") == 0 && access("/var/run/timezone/Etc_UTC", F_OK) != 0);
         CHILD_CHECK(write_file("/tmp/fail-settimezone", "") && tovi_time_settz("Asia/Tokyo") == -1 && tovi_time_query_dstforregion("a;b", &offset) == -1);
-        CHILD_CHECK(cap.texts() == Texts({"sync_timezone_to_kernel: read_timezone_file fail, -1.", "snprintf_s secure function failed, destMax<256>, count<255>.",
+        CHILD_CHECK(setenv("TZ", "UTC", 1) == 0 && tovi::timezone::time_echo_timeinfotoproc() == 0 && std::string(m_ascCmd).ends_with("\"0\" \"0\" \"+\" \"UTC\"") && m_ascTimeZoneStyle == std::string("UTC") && calls().ends_with("querydstforregion UTC\nquerydstinfo\ntokproc UTC 1 03-29 02:00:00 10-25 03:00:00 0 0 0 + UTC\n"));
+        CHILD_CHECK(tovi_time_ckdst(0, 1720000000) == 0 && calls("querydstforregion") == "querydstforregion UTC\n");
+        CHILD_CHECK(cap.texts() == Texts({"sync_timezone_to_kernel: read_timezone_file fail, -1.", "snprintf_s secure function failed, destMax<256>, count<255>.", "Param error: timezone_name(Etc/UTC Europe/Berlin) is dangerous.",
                                           "Set timezone failed, return value is 768.", "Set timezone failed, return value is -1.",
                                           "Input param timeZoneName is invalid."}));
         return std::string();
@@ -326,9 +333,11 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
         CHILD_CHECK(tovi_zonename_get_by_sysconfig(name, sizeof name) == -1 && write_file("/etc/sysconfig/clock", "ZONE=x\nDEFAULT_TIMEZONE=\"Europe/Rome\"\n") &&
                     tovi_zonename_get_by_sysconfig(name, sizeof name) == 0 && std::string(name) == "Europe/Rome");
         CHILD_CHECK(tovi_timezone_set("Nowhere/City") == -2 && tovi_timezone_set("a;b") == -22 && tovi_timezone_set(std::string(600, 'a').c_str()) == -1);
+        const std::string near = "././././././././././././././././" "./Etc/GMT+11";  // its file path fills the buffer exactly
+        CHILD_CHECK(tovi_timezone_set(near.c_str()) == -1 && readlink("/etc/localtime", link, sizeof link) == 30);
         CHILD_CHECK(write_file("/tmp/tdc-ok", "") && tovi_timezone_set("Asia/Seoul") == 0 && unlink("/tmp/tdc-ok") == 0);
         CHILD_CHECK(unlink("/etc/localtime") == 0 && tovi_timezone_set("Asia/Tokyo") == -2);
-        CHILD_CHECK(calls("timedatectl set") == "timedatectl set-timezone Asia/Tokyo\ntimedatectl set-timezone Nowhere/City\n"
+        CHILD_CHECK(calls("timedatectl set") == "timedatectl set-timezone Asia/Tokyo\ntimedatectl set-timezone Nowhere/City\ntimedatectl set-timezone " + near + "\n"
                                                 "timedatectl set-timezone Asia/Seoul\ntimedatectl set-timezone Asia/Tokyo\n");
         time_t zero = 0, past = 3124224000, last = 3124223999;
         CHILD_CHECK(tovi_time_settime(&zero) == -1 && tovi_time_settime(&past) == -1 && calls() == "");
@@ -342,7 +351,7 @@ TEST(Timezone, ZoneLinkNamesAndTimeUnderPrivateRoot)
         CHILD_CHECK(write_file("/tmp/hw-fail", "9") && tovi_time_settime(&last) == -1 && calls("hwclock") == rtc + sys + sys + sys + sys);
         CHILD_CHECK(cap.texts() == Texts({"Result of Timedatectl is null.", "Zonename_get_by_sysconfig failed,  return -1.", "Cannot find /usr/share/zoneinfo/Nowhere/City timezone file.",
                                           "Param error: pscTimeZoneName(a;b) is dangerous.",
-                                          "snprintf_s secure function failed, destMax<512>, count<511>.", "timedatectl cmd success.",
+                                          "snprintf_s secure function failed, destMax<512>, count<511>.", "Zone_info_file snprintf failed, return 64.", "timedatectl cmd success.",
                                           "Cannot find /etc/localtime file.", "Input time param is error.", "Input time param is error.",
                                           "Sync time from RTC to system failed, return value is 256."}));
         return std::string();

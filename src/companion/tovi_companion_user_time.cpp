@@ -37,6 +37,10 @@ int64_t offset_at(int64_t utc)
     return localtime_r(&t, &tm) != nullptr ? tm.tm_gmtoff : 0;
 }
 
+// Local seconds of utc: the sum wraps as the kernel's unsigned arithmetic
+// does, rather than overflowing for an input near the top of the range.
+uint64_t local_of(int64_t utc) { return static_cast<uint64_t>(utc) + static_cast<uint64_t>(offset_at(utc)); }
+
 int64_t now_utc()
 {
     timespec ts{};
@@ -60,8 +64,7 @@ long time_local(long a1, long, long)
     auto *out = reinterpret_cast<uint64_t *>(a1);
     if (out == nullptr)
         return errno = EFAULT, -1;
-    int64_t utc = now_utc();
-    *out = static_cast<uint64_t>(utc + offset_at(utc));
+    *out = local_of(now_utc());
     return 0;
 }
 
@@ -71,8 +74,7 @@ long time_local_from_utc(long a1, long a2, long)
     auto *out = reinterpret_cast<uint64_t *>(a2);
     if (in == nullptr || out == nullptr)
         return errno = EFAULT, -1;
-    auto utc = static_cast<int64_t>(*in);
-    *out = static_cast<uint64_t>(utc + offset_at(utc));
+    *out = local_of(static_cast<int64_t>(*in));
     return 0;
 }
 

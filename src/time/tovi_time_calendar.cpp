@@ -135,7 +135,8 @@ int32_t time_get_localtimeInfo(uint64_t utc, DstFacts *facts)
         facts->date[0] = '\0';
     char utcoff[32], zone[64], style[32];
     uint32_t reserved = 0;
-    if (tovi_time_gettz(utcoff, zone, style) != 0 || tovi_time_query_dstforregion(m_ascTimeZoneName, &facts->flag) != 0 ||
+    // The zone gettz found: for UTC it leaves m_ascTimeZoneName at the zone before.
+    if (tovi_time_gettz(utcoff, zone, style) != 0 || tovi_time_query_dstforregion(zone, &facts->flag) != 0 ||
         tovi_time_querydstconf(facts->begin, facts->end, &facts->minutes, &reserved) != 0)
         return -1;
     return 0;
@@ -164,7 +165,8 @@ bool time_docheckdsttime(const DstFacts &f)
         return false;
     }
     char shifted[20];
-    format_date(f.local + static_cast<int64_t>(f.minutes) * 60, shifted);
+    // Unsigned: a moment near the top of the range wraps instead of overflowing.
+    format_date(static_cast<int64_t>(static_cast<uint64_t>(f.local) + uint64_t{f.minutes} * 60), shifted);
     static constexpr int kDate[10] = {5, 6, 8, 9, 11, 12, 14, 15, 17, 18};
     static constexpr int kRule[10] = {0, 1, 3, 4, 6, 7, 9, 10, 12, 13};
     uint64_t l = digits(f.date, kDate), s = digits(shifted, kDate);

@@ -63,7 +63,9 @@ int32_t sync_timezone_to_kernel()
     char zone[64] = "", path[kPathMax];
     if (tovi_zonename_get_shell(zone) != 0)
         return -1;
-    if (isDangerousCmd(zone, nullptr) != 0) {
+    // A blank would split the name in the zdump command: another zone's cache
+    // file would be written with both zones' lines and stand for it from then on.
+    if (isDangerousCmd(zone, nullptr) != 0 || std::strpbrk(zone, " \t") != nullptr) {
         TOVI_LOG(log::kError, "Param error: timezone_name(%s) is dangerous.", zone);
         return -1;
     }

@@ -82,7 +82,9 @@ int32_t time_popen_shell(const char *cmd, char *out, uint32_t outLen)
         TOVI_LOG(tovi::log::kError, "The input shell command string is too long.");
         return -7;
     }
-    char wrapped[kCmdMax];
+    // A command at the length limit wraps to exactly kCmdMax characters; one
+    // byte short, the status marker's "$?" lost its '?' and read as 0.
+    char wrapped[kCmdMax + 1];
     if (out == nullptr)
         snprintf_s(wrapped, sizeof wrapped, "%s 2>/dev/stdout 1>/dev/null; echo zumshell$?", cmd);
     else if (std::strchr(cmd, '&') != nullptr)
@@ -105,13 +107,18 @@ int32_t time_echo_timeinfotoproc()
 {
     char utcoff[32], zone[64] = "", style[32] = "", begin[kCmdMax], end[kCmdMax];
     uint32_t flag = 0, minutes = 0, reserved = 0;
-    if (tovi_time_gettz(utcoff, zone, style) != 0 || tovi_time_query_dstforregion(m_ascTimeZoneName, &flag) != 0 ||
+    if (tovi_time_gettz(utcoff, zone, style) != 0)
+        return -1;
+    // For UTC gettz fills the buffers only: the offset globals and the kept
+    // name still describe the zone before, which the script must not be told.
+    const bool utc = std::strcmp(style, "UTC") == 0;
+    if (tovi_time_query_dstforregion(utc ? zone : m_ascTimeZoneName, &flag) != 0 ||
         tovi_time_querydstconf(begin, end, &minutes, &reserved) != 0)
         return -1;
     snprintf_s(m_ascCmd, sizeof m_ascCmd,
                "/ZSR/script/os_get_tmtz.sh         \"%s\" \"%s\" \"%u\" \"%s\" \"%s\" \"%u\" \"%d\" \"%d\" \"%c\" \"%s\"",
-               "tokproc", zone, flag, begin, end, minutes, m_siTimeZoneUTCHours, m_siTimeZoneMinutes,
-               static_cast<char>(m_siTimeZoneOffsetDir), style);
+               "tokproc", zone, flag, begin, end, minutes, utc ? 0 : m_siTimeZoneUTCHours, utc ? 0 : m_siTimeZoneMinutes,
+               utc ? '+' : static_cast<char>(m_siTimeZoneOffsetDir), style);
     int32_t rc = tovi_system_s(m_ascCmd, nullptr);
     if (rc != 0) {
         TOVI_LOG(tovi::log::kError, "Call system(acCmd) err %s(%d).", m_ascCmd, rc);
@@ -128,7 +135,9 @@ extern "C" {
 
 int32_t tovi_time_zone_name_set(const char *name, uint32_t)
 {
-    if (name == nullptr || sprintf_s(m_ascTimeZoneName, sizeof m_ascTimeZoneName, "%s", name) < 0) {
+    // Measured first: a failed sprintf_s would leave the current name emptied or cut.
+    if (name == nullptr || std::strlen(name) >= sizeof m_ascTimeZoneName ||
+        sprintf_s(m_ascTimeZoneName, sizeof m_ascTimeZoneName, "%s", name) < 0) {
         TOVI_LOG(tovi::log::kError, "sprintf_s secure function failed, destMax<%lu>.", sizeof m_ascTimeZoneName);
         return -1;
     }
@@ -152,7 +161,8 @@ void tovi_time_setzoneutc(char *utcoff, const struct tm *tm)
     // An offset of 0 reads '-': true UTC goes through tovi_time_setforutc.
     long off = tm->tm_gmtoff;
     m_siTimeZoneOffsetDir = off > 0 ? '+' : '-';
-    long abs = off < 0 ? -off : off;
+    // Unsigned, so that a caller's LONG_MIN has a magnitude too.
+    unsigned long abs = off < 0 ? 0ul - static_cast<unsigned long>(off) : static_cast<unsigned long>(off);
     m_siTimeZoneUTCHours = static_cast<int32_t>(abs / 3600);
     m_siTimeZoneMinutes = static_cast<int32_t>(abs % 3600 / 60);
     snprintf_s(utcoff, 32, "%c%02d:%02d", static_cast<char>(m_siTimeZoneOffsetDir), m_siTimeZoneUTCHours,
@@ -170,6 +180,8 @@ int32_t tovi_time_gettz(char *utcoff, char *zonename, char *style)
     }
     if (tm.tm_zone != nullptr && std::strcmp(tm.tm_zone, "UTC") == 0) {
         tovi_time_setforutc(utcoff, zonename, style);
+        if (style != nullptr)  // the current abbreviation, not the zone before's
+            snprintf_s(m_ascTimeZoneStyle, sizeof m_ascTimeZoneStyle, "%s", "UTC");
         return 0;
     }
     if (tm.tm_isdst == 1)
@@ -221,7 +233,7 @@ int32_t tovi_time_process_gmtoff(struct tm *tm)
         TOVI_LOG(tovi::log::kError, "Can not get dst info for dstOffset!");
         return -1;
     }
-    tm->tm_gmtoff -= static_cast<long>(minutes) * 60;
+    tm->tm_gmtoff = static_cast<long>(static_cast<unsigned long>(tm->tm_gmtoff) - minutes * 60ul);  // wraps, never overflows
     return 0;
 }
 
@@ -269,7 +281,7 @@ int32_t tovi_time_query_dstforregion(const char *zone, uint32_t *dstFlag)
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax];
-    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone) < 0)
+    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone), sizeof cmd))
         return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
@@ -292,7 +304,7 @@ int32_t tovi_time_query_dstconfinfoforregion(const char *zone, char *begin, char
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax] = "";
-    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone) < 0)
+    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone), sizeof cmd))
         return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
@@ -319,8 +331,9 @@ int32_t tovi_time_query_dstconfforregion(const char *zone, tovi_dst_rules_s *rul
     std::tm tm{};
     local_now(&tm);
     char cmd[kCmdMax], out[kCmdMax];
-    if (snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone,
-                   tm.tm_year + 1900) < 0)
+    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone,
+                              tm.tm_year + 1900),
+                   sizeof cmd))
         return cmd_too_long(sizeof cmd);
     if (run_script(out, cmd) != 0) {
         TOVI_LOG(tovi::log::kError, "Get DST config info failed.");

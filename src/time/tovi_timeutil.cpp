@@ -59,9 +59,11 @@ bool read_dst_line(const char *line, ZdumpLine *out)
         return false;
     }
     out->utc.tm_mon = month_of(umon), out->local.tm_mon = month_of(lmon);
-    out->utc.tm_year -= 1900, out->local.tm_year -= 1900;
+    // In 64 bits and narrowed back: a garbled cache line may hold any int here.
+    out->utc.tm_year = static_cast<int>(int64_t{out->utc.tm_year} - 1900);
+    out->local.tm_year = static_cast<int>(int64_t{out->local.tm_year} - 1900);
     // zdump prints the last second before each change: the change is one later.
-    out->utc.tm_sec += 1;
+    out->utc.tm_sec = static_cast<int>(int64_t{out->utc.tm_sec} + 1);
     return true;
 }
 

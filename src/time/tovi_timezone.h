@@ -157,7 +157,8 @@ TOVI_API int32_t tovi_time_asctime(const uint64_t *t, char *buf, uint32_t len);
 /** Seconds since 1970 of the first six fields of *r; 0 for NULL. No range check. */
 TOVI_API uint64_t tovi_time_mktime(const TOVI_DATE_TIME_S *r);
 
-/** Formats name into m_ascTimeZoneName. 0 or -1. */
+/** Formats name into m_ascTimeZoneName. 0, or -1 for NULL or a name longer
+ *  than 255 characters, which leaves the current name as it was. */
 TOVI_API int32_t tovi_time_zone_name_set(const char *name, uint32_t len);
 /** Writes "+00:00", "UTC", "UTC" into those of the three that are not NULL. */
 TOVI_API void tovi_time_setforutc(char *utcoff, char *zonename, char *style);
