@@ -79,6 +79,8 @@ TEST(Cpufreq, TableCommandsAndMachineSteps)
                     shell.commands == (Texts{set24, "echo 1500000 > /sys/devices/system/cpu/cpu36/cpufreq/scaling_max_freq"}));
         shell.status[set24] = 512;
         CHILD_CHECK(tovi_set_phycpu_scaling_max_freq(1, 1500000) == -1 && shell.commands.size() == 3);
+        // Packages the machine lacks reach no CPU (178956971 x 24 wraps to CPU 8 in 32 bits).
+        CHILD_CHECK(tovi_set_phycpu_scaling_max_freq(2, 1) == -1 && tovi_set_phycpu_scaling_max_freq(178956971, 1) == -1 && shell.commands.size() == 3);
         CHILD_CHECK(unlink((kCpu + "cpu36/cpufreq/scaling_max_freq").c_str()) == 0 && tovi_get_phycpu_scaling_max_freq(1) == -1);
         CHILD_CHECK(cap.texts() == (Texts{"Set freq (1500000) logic_cpuid(24) failed, ret (512).", "Query frequency failed."}));
         // Without the platform kernel every whole-machine step is refused.
