@@ -62,6 +62,8 @@ TEST(Cpumask, ListsAreOredIntoTheSetAndBadItemsLoggedAndSkipped)
         {",,", -1, {}, {}},
         {",2,,4,", 0, cpus({{2, 2}, {4, 4}}), {}},  // empty items are no items
         {"6-y", 0, cpus({{6, 6}}), {}},             // a second number that does not scan: one CPU
+        {"4294967296-4294967300,4294967298", 0, {}, {}},  // beyond 32 bits: no CPU, not their low bits
+        {"1000-4294967297", 0, cpus({{1000, 1023}}), {}},
     };
     for (const Case &c : cases) {
         LogCapture cap;
@@ -224,7 +226,8 @@ TEST(CpuLayout, PartitionsFromTheGeneratedDefaultFile)
                                "[CPU_PARTITION]\ngroup_num=3\n[GROUP_0]\npartition_num=6\npartition_0=io:1:2-3\n"
                                "partition_1=IOD_NORMAL:2:4-9\npartition_2=nocolon\npartition_3=ref:3:GROUP_0/io,12\n"
                                "partition_4=loop:4:GROUP_0/loop\npartition_5=a_name_longer_than_thirty_one_chars:5:7\n"
-                               "[GROUP_1]\npartition_num=0\n[GROUP_2]\npartition_num=1\npartition_0=IOD_NORMAL:6:20-21\nEOF\n";
+                               "[GROUP_1]\npartition_num=0\n[GROUP_2]\npartition_num=2\npartition_0=IOD_NORMAL:6:20-21\n"
+                               "partition_1=IOD_NORMAL:7:4294967296-4294967300\nEOF\n";
     in_fake_root({{"/ZSR/component/omm/script/gen_product_ini.sh", script}}, [] {
         LogCapture cap;
         uint64_t set[16] = {};
@@ -252,7 +255,8 @@ TEST(CpuLayout, PartitionsFromTheGeneratedDefaultFile)
                                "GROUP_0          ref              3    GROUP_0/io,12\n"
                                "GROUP_0          loop             4    GROUP_0/loop\n"
                                "GROUP_0          a_name_longer_than_thirty_one_c 5    7\n"
-                               "GROUP_2          IOD_NORMAL       6    20-21\n");
+                               "GROUP_2          IOD_NORMAL       6    20-21\n"
+                               "GROUP_2          IOD_NORMAL       7    4294967296-4294967300\n");
         return std::string();
     });
 }
@@ -262,13 +266,13 @@ TEST(CpuLayout, NumaFileFailuresThenALoad)
     char dir[] = "/tmp/tovi_numa_XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string file = std::string(dir) + "/numa.ini", proc = std::string(dir) + "/proc.ini";
-    const std::string nodes = "[NUMA_PARTITION]\ncpu_num=8\nnuma_num=2\nnuma_0=0-3,8\nnuma_1=4-7,250-1100\n";
+    const std::string nodes = "[NUMA_PARTITION]\ncpu_num=8\nnuma_num=2\nnuma_0=0-3,8\nnuma_1=4-7,250-1100,4294967298\n";
     LogCapture cap;
     if (access(TOVI_NUMAM_FILE, F_OK) != 0) {
         EXPECT_EQ(tovi_numam_init(nullptr), 0);
         EXPECT_EQ(cap.texts(), Texts{"Numa cfg " + std::string(TOVI_NUMAM_FILE) + " is not access, errno:2"});
     }
-    const std::string loaded = "Get cores(0-3,8) by numaId(0) success.|Get cores(4-7,250-1100) by numaId(1) success.|"
+    const std::string loaded = "Get cores(0-3,8) by numaId(0) success.|Get cores(4-7,250-1100,4294967298) by numaId(1) success.|"
                                "Get cpu_num(8), numa_num(2) success.|";
     struct {
         std::string text;

@@ -1,6 +1,7 @@
 // CPU masks of the system and CPU lists.
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -9,6 +10,7 @@
 
 #include "tovi_bitop.h"
 #include "tovi_cpumask.h"
+#include "tovi_cpumask.hpp"
 #define TOVI_LOG_SOURCE "tovi_cpumask"
 #include "tovi_log.hpp"
 
@@ -60,9 +62,9 @@ bool apply_item(const char *item, uint64_t *set, int depth)
         TOVI_LOG(kInfo, "Parse cpu mask fail, invalid format:%s", item);
         return false;
     }
-    unsigned first = 0;
-    unsigned last = 0;
-    int n = sscanf_s(item, "%u-%u", &first, &last);
+    uint32_t first = 0;
+    uint32_t last = 0;
+    int n = tovi::cpumask::scan_range(item, &first, &last);
     if (n == 1) {
         last = first;
     } else if (n != 2) {
@@ -103,6 +105,31 @@ int32_t parse_list(const char *list, uint64_t *set, int depth)
 }
 
 }  // namespace
+
+namespace tovi::cpumask {
+
+int scan_range(const char *item, uint32_t *first, uint32_t *last)
+{
+    // strtoull takes what %u takes (blanks, a sign) and saturates instead of
+    // wrapping; a negative number comes out huge, as with %u.
+    auto number = [](const char *p, const char **end, uint32_t *out) {
+        char *e = nullptr;
+        unsigned long long v = std::strtoull(p, &e, 10);
+        if (e == p)
+            return false;
+        *out = v > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(v);
+        *end = e;
+        return true;
+    };
+    const char *p = item;
+    if (!number(p, &p, first))
+        return 0;
+    if (*p != '-' || !number(p + 1, &p, last))
+        return 1;
+    return 2;
+}
+
+}  // namespace tovi::cpumask
 
 extern "C" {
 

@@ -18,6 +18,7 @@
 
 #include "tovi_cfg.h"
 #include "tovi_cpumask.h"
+#include "tovi_cpumask.hpp"
 #include "tovi_list.hpp"
 #define TOVI_LOG_SOURCE "tovi_numa"
 #include "tovi_log.hpp"
@@ -332,9 +333,9 @@ int32_t tovi_numam_parse_cpustr(const char *item, uint32_t *start, uint32_t *end
 {
     if (item == nullptr || start == nullptr || end == nullptr)
         return -1;
-    unsigned first = 0;
-    unsigned last = 0;
-    int n = sscanf_s(item, "%u-%u", &first, &last);
+    uint32_t first = 0;
+    uint32_t last = 0;
+    int n = tovi::cpumask::scan_range(item, &first, &last);
     if (n == 2 && last < first) {
         TOVI_LOG(kError, "Parse cpu mask %s fail, end:%u is less than start:%u", item, last, first);
         return -1;

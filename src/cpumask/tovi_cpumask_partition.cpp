@@ -17,6 +17,7 @@
 
 #include "tovi_cfg.h"
 #include "tovi_cpumask.h"
+#include "tovi_cpumask.hpp"
 #include "tovi_list.hpp"
 #define TOVI_LOG_SOURCE "tovi_cpumask"
 #include "tovi_log.hpp"
@@ -177,9 +178,9 @@ int32_t tovi_cpum_clear_cpumask_of_iod_poll(uint64_t *set)
     for (auto *g : list::for_each_entry<tovi_cpum_group_s>(&g_groups, offsetof(tovi_cpum_group_s, stList)))
         for (auto *p : list::for_each_entry<tovi_cpum_partition_s>(&g->stPartitions,
                                                                      offsetof(tovi_cpum_partition_s, stList))) {
-            unsigned first = 0;
-            unsigned last = 0;
-            if (std::strcmp(p->acName, "IOD_NORMAL") != 0 || sscanf_s(p->acCpuBind, "%u-%u", &first, &last) != 2 ||
+            uint32_t first = 0;
+            uint32_t last = 0;
+            if (std::strcmp(p->acName, "IOD_NORMAL") != 0 || tovi::cpumask::scan_range(p->acCpuBind, &first, &last) != 2 ||
                 first > TOVI_CPUSET_BITS - 2 || last < first + 2)
                 continue;
             for (unsigned cpu = first; cpu <= first + 1; ++cpu)
