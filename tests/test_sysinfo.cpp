@@ -91,7 +91,8 @@ TEST(Sysinfo, UsageFromStatSamples)
         {stat_of({200, 0, 0, 350, 50, 0, 0, 100}, {40, 0, 0, 30}, "cpu0 1 2 3\n"), 100, 100, 25},  // a short CPU line ends it
         {stat_of({200, 0, 0, 350, 50, 0, 0, 100}, {40, 0, 0, 60}, "cpu999 5 5 5 5\n"), 100, 100, 25},  // a CPU beyond n is skipped, and the last CPU's line is then beyond n lines
         {stat_of({200, 0, 0, 350, 50, 0, 0, 100}, {40, 0, 0, 60}), 100, 100, 50},  // every CPU
-        {"", 100, 100, 50},  // the last: an empty file
+        {stat_of([] { Fields f{300, 0, 0, 450, 50, 0, 0, 100}; f.resize(22, 1000000000); return f; }(), {40, 0, 0, 120}), 50, 50, 0},  // a first line over 160 bytes
+        {"", 50, 50, 0},  // the last: an empty file
     };
     for (bool steal_busy : {false, true})
         EXPECT_CHILD_REPORT(in_namespace(steal_busy ? "SYSINFO_CPUUSAGE_THREAD_FLAG=0\nSYSINFO_CPUUSAGE_STEAL_BUSY=1\n" : "SYSINFO_CPUUSAGE_THREAD_FLAG=0\n",
@@ -111,7 +112,7 @@ TEST(Sysinfo, UsageFromStatSamples)
             CHILD_CHECK(cap.texts() == Texts{"Get CPU stat (/proc/stat) file failed."} && sampler_holder() == "0");  // reads, never samples
             std::vector<uint32_t> out(n + 2, 7);
             cap.clear();
-            CHILD_CHECK(tovi_get_cpu_usage_array(out.data(), n + 2) == 0 && out[n - 1] == 50 && out[n] == 7);
+            CHILD_CHECK(tovi_get_cpu_usage_array(out.data(), n + 2) == 0 && out[n - 1] == 0 && out[n] == 7);
             CHILD_CHECK(tovi_sysinfo_core_usage(&beyond) == 0 && tovi_sysinfo_core_usage(nullptr) == 0);
             CHILD_CHECK(tovi_get_cpu_usage_array(nullptr, 1) == -1 && cap.texts() == Texts{"tovi_get_cpu_usage_array: data is NULL"});
             return "";

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/sysinfo.h>
@@ -121,6 +122,19 @@ uint64_t total_of(const unsigned long *v, bool steal_busy)
     return steal_busy ? total + v[7] : total;
 }
 
+// One line of at most kLineBytes - 1 characters; the rest of a longer one is
+// passed over, so that its tail is not taken for the next line (which would
+// end the sample before the CPU lines).
+bool read_line(char *line, FILE *f)
+{
+    if (std::fgets(line, kLineBytes, f) == nullptr)
+        return false;
+    if (std::strchr(line, '\n') == nullptr)
+        for (int c = std::getc(f); c != EOF && c != '\n'; c = std::getc(f)) {
+        }
+    return true;
+}
+
 void *calc_cpu_usage_thrd(void *)
 {
     tovi_set_process_name("tovi_sysinfo");
@@ -165,12 +179,12 @@ void update_all_cpu_usage()
     const bool steal_busy = steal_is_busy();
     char line[kLineBytes];
     unsigned long v[8] = {};
-    if (std::fgets(line, sizeof line, f) == nullptr) {
+    if (!read_line(line, f)) {
         TOVI_LOG(kError, "Get CPU stat (%s) file failed.", kStatFile);
     } else if (std::sscanf(line, "cpu %lu %lu %lu %lu %lu %lu %lu %lu", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5],
                            &v[6], &v[7]) >= 4) {
         update_element(0, v[3], total_of(v, steal_busy));
-        for (uint32_t seen = 0; seen < n && std::fgets(line, sizeof line, f) != nullptr; ++seen) {
+        for (uint32_t seen = 0; seen < n && read_line(line, f); ++seen) {
             unsigned cpu = 0;
             unsigned long w[8] = {};
             if (std::sscanf(line, "cpu%u %lu %lu %lu %lu %lu %lu %lu %lu", &cpu, &w[0], &w[1], &w[2], &w[3], &w[4],
