@@ -120,21 +120,26 @@ TEST(Sysinfo, UsageFromStatSamples)
 }
 
 // Two processes start a sampler each: the first samples, the second reads
-// its numbers and takes over when it ends.
+// its numbers and takes over when it ends. The first lives until it gets a
+// lock the second holds: the second's sampler, waiting for the first, closes
+// a cycle the kernel reports as a deadlock, which is none.
 TEST(Sysinfo, OneSamplerPerMachineAndATakeOver)
 {
     EXPECT_CHILD_REPORT(in_namespace("", []() -> std::string {
         CHILD_CHECK(use_stat(stat_of({100, 0, 0, 300}, {1, 0, 0, 3})));
-        int go[2];  // the first lives until the pipe closes
-        pid_t first = pipe(go) == 0 ? fork() : -1;
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        const int held = open("/tmp/held", O_RDWR | O_CREAT, 0600);
+        pid_t first = fcntl(held, F_SETLK, &whole) == 0 ? fork() : -1;
         if (first == 0)
-            _exit(close(go[1]) == 0 && sysinfo_init() == 0 && read(go[0], go, 1) >= 0 ? 0 : 1);
-        close(go[0]);
-        CHILD_CHECK(tovi::test::wait_for([&] { return sampler_holder() == std::to_string(first); }) && sysinfo_init() == 0);
-        CHILD_CHECK(tovi::test::wait_for([] { return tovi_sysinfo_cpu_usage() == 25; }) && sampler_holder() == std::to_string(first));
+            _exit(sysinfo_init() == 0 && fcntl(held, F_SETLKW, &whole) == 0 ? 0 : 1);
+        const std::string waiting = tovi::test::fmt("-> POSIX  ADVISORY  WRITE %d ", first);
+        CHILD_CHECK(tovi::test::wait_for([&] { return sampler_holder() == std::to_string(first) && tovi::test::read_file("/proc/locks").find(waiting) != std::string::npos; }));
+        CHILD_CHECK(sysinfo_init() == 0 && tovi::test::wait_for([] { return tovi_sysinfo_cpu_usage() == 25; }) && sampler_holder() == std::to_string(first));
         // The first ends; the second's waiting sampler goes on from the
         // numbers the first stored (100 more ticks, 75 of them busy).
-        close(go[1]);
+        whole.l_type = F_UNLCK;
+        CHILD_CHECK(fcntl(held, F_SETLK, &whole) == 0);
         int status = 0;
         CHILD_CHECK(waitpid(first, &status, 0) == first && status == 0 && use_stat(stat_of({175, 0, 0, 325}, {1, 0, 0, 3})));
         CHILD_CHECK(tovi::test::wait_for([] { return tovi_sysinfo_cpu_usage() == 75; }) && sampler_holder() == std::to_string(getpid()));

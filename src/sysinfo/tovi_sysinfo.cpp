@@ -141,9 +141,8 @@ void *calc_cpu_usage_thrd(void *)
     int fd = open(kSamplerLock, O_RDWR | O_CREAT | O_CLOEXEC, 0660);
     if (fd < 0)
         TOVI_LOG(kError, "open file(%s) failed, errno is %d.", kSamplerLock, errno);
-    const tovi_lock_req_s whole{TOVI_LOCK_EXCLUSIVE, 0, 0};
     // Waits while another process samples; takes over when it ends.
-    if (fd >= 0 && tovi_lockfile(fd, &whole) != 0) {
+    if (fd >= 0 && !lock_whole(fd)) {
         TOVI_LOG(kError, "lock file(%s) failed, errno is %d.", kSamplerLock, errno);
         close(fd);
         fd = -1;
@@ -160,6 +159,23 @@ void *calc_cpu_usage_thrd(void *)
 }
 
 }  // namespace
+
+bool lock_whole(int fd)
+{
+    // Record locks belong to the process, not the thread, so the kernel's
+    // deadlock check sees a cycle that is none when one thread here waits
+    // for a process that waits for a lock another thread here holds (our
+    // sampler waiting while our start-up holds the topology lock). That
+    // wait ends on its own: ask again rather than give up.
+    const tovi_lock_req_s whole{TOVI_LOCK_EXCLUSIVE, 0, 0};
+    for (;;) {
+        if (tovi_lockfile(fd, &whole) == 0)
+            return true;
+        if (errno != EDEADLK)
+            return false;
+        tovi_10msleep(1);
+    }
+}
 
 bool steal_is_busy()
 {
