@@ -51,6 +51,7 @@ TEST(Cpumask, ListsAreOredIntoTheSetAndBadItemsLoggedAndSkipped)
         Cpus want;  // besides CPU 100, there before
         std::vector<std::string> said;
     };
+    const std::string padded = std::string(130, '0') + "5";
     const Case cases[] = {
         {"0-3,8,12-13,63-65", 0, cpus({{0, 3}, {8, 8}, {12, 13}, {63, 65}}), {}},
         {"1023", 0, cpus({{1023, 1023}}), {}},
@@ -64,6 +65,7 @@ TEST(Cpumask, ListsAreOredIntoTheSetAndBadItemsLoggedAndSkipped)
         {"6-y", 0, cpus({{6, 6}}), {}},             // a second number that does not scan: one CPU
         {"4294967296-4294967300,4294967298", 0, {}, {}},  // beyond 32 bits: no CPU, not their low bits
         {"1000-4294967297", 0, cpus({{1000, 1023}}), {}},
+        {padded.c_str(), -1, {}, {bad(padded.substr(0, 127))}},  // longer than any item: not cut to another number
     };
     for (const Case &c : cases) {
         LogCapture cap;

@@ -94,7 +94,9 @@ int32_t parse_list(const char *list, uint64_t *set, int depth)
             size_t keep = len < kItemMax ? len : kItemMax - 1;
             memcpy_s(item, sizeof item, p, keep);
             item[keep] = '\0';
-            if (apply_item(item, set, depth))
+            if (keep < len)  // cut, it would read as another number ("000...05" as 0)
+                TOVI_LOG(kInfo, "Parse cpu mask fail, invalid format:%s", item);
+            else if (apply_item(item, set, depth))
                 applied = true;
         }
         if (comma == nullptr)
