@@ -64,7 +64,7 @@ TEST(Cpufreq, TableCommandsAndMachineSteps)
         shell.commands.clear(), cap.clear();
         shell.status[tovi::test::fmt(kGovernorCmd, "performance", 2)] = 256;
         CHILD_CHECK(tovi_set_cpufreq_switch(2) == -22 && tovi_cpufreq_set_governor(1, nullptr) == -22 &&
-                    tovi_cpufreq_set_governor(1, "a;b") == -1 && shell.commands.empty());
+                    tovi_cpufreq_set_governor(1, "a;b") == -1 && tovi_cpufreq_set_governor(1, std::string(200, 'g').c_str()) == -1 && shell.commands.empty());
         CHILD_CHECK(tovi_set_cpufreq_switch(0) == 256 && tovi_set_cpufreq_switch(1) == 0 && shell.commands.size() == 7);
         CHILD_CHECK(shell.commands[2] == tovi::test::fmt(kGovernorCmd, "performance", 2) && shell.commands[6] == tovi::test::fmt(kGovernorCmd, "ondemand", 3));
         const Texts said = cap.texts();  // the invalid type, the refused arguments, then each CPU's command until the failing one

@@ -193,9 +193,11 @@ int32_t tovi_cpufreq_set_governor(uint32_t cpu, const char *governor)
         TOVI_LOG(kError, "Param error: v_pszGovernor(%s) is dangerous.", governor);
         return -1;
     }
-    TOVI_LOG(kInfo, "Cpufreq governor(%s), v_pszGovernor(%d), file(%s).", governor, static_cast<int>(cpu), kGovernor);
     char cmd[256];
-    std::snprintf(cmd, sizeof cmd, "echo %s > /sys/devices/system/cpu/cpu%u/cpufreq/%s", governor, cpu, kGovernor);
+    int len = std::snprintf(cmd, sizeof cmd, "echo %s > /sys/devices/system/cpu/cpu%u/cpufreq/%s", governor, cpu, kGovernor);
+    if (len < 0 || static_cast<size_t>(len) >= sizeof cmd)
+        return -1;  // cut short, the redirection would name another file
+    TOVI_LOG(kInfo, "Cpufreq governor(%s), v_pszGovernor(%d), file(%s).", governor, static_cast<int>(cpu), kGovernor);
     return tovi_system_s(cmd, ">");
 }
 
