@@ -13,6 +13,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
@@ -60,10 +62,22 @@ uint32_t configured()
 }
 
 // Creates the array exclusively, or attaches the one another process made.
+// Attaching resizes the object to the size asked for, so it asks for no
+// less than the object has: a process that counts fewer CPUs (started after
+// one was removed) must not cut the array under a sampler that writes all
+// of it, which would then die of SIGBUS.
 void *create_or_attach(const char *name, size_t bytes)
 {
     void *p = tovi_shm_create_ext(name, O_CREAT | O_EXCL | O_RDWR, 0660, bytes);
-    return p != nullptr ? p : tovi_shm_create_ext(name, O_RDWR, 0660, bytes);
+    if (p != nullptr)
+        return p;
+    struct stat st {};
+    if (int fd = shm_open(name, O_RDONLY | O_CLOEXEC, 0); fd >= 0) {
+        if (fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) > bytes)
+            bytes = static_cast<size_t>(st.st_size);
+        close(fd);
+    }
+    return tovi_shm_create_ext(name, O_RDWR, 0660, bytes);
 }
 
 bool map_arrays()
