@@ -116,7 +116,7 @@ uint32_t node_count()
         TOVI_LOG(kError, "Get numa num failed, ret is %d", ret);
         return 0;
     }
-    return static_cast<uint32_t>((ret == 2 ? last : first) + 1);
+    return static_cast<uint32_t>(ret == 2 ? last : first) + 1u;  // "0-2147483647": no signed overflow
 }
 
 CpuInfo gather()
