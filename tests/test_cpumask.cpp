@@ -196,11 +196,14 @@ TEST(CpuLayout, MasksCountsAndAMissingPartitionFile)
         for (uint32_t cpu = tovi_first_cpu(cpu_online_mask); cpu < 256; cpu = tovi_next_cpu(cpu, cpu_online_mask))
             online.push_back(cpu);
         CHILD_CHECK(online == (std::vector<uint32_t>{0, 1, 2, 8}) && tovi_first_cpu(cpu_present_mask) == 256);
+        const std::string whole = std::string(252, ',') + "250\n", cut = std::string(252, ',') + "2500\n";
         struct {
             const char *line;
             int32_t rc;
             Cpus want;
-        } loads[] = {{"4-6,1\n", 6, cpus({{1, 1}, {4, 6}})}, {"7-5\n", 5, {}}, {"255-1000", 1000, cpus({{255, 255}})}};
+        } loads[] = {{"4-6,1\n", 6, cpus({{1, 1}, {4, 6}})}, {"7-5\n", 5, {}}, {"255-1000", 1000, cpus({{255, 255}})},
+                     {whole.c_str(), 250, cpus({{250, 250}})},  // 255 characters and the line feed
+                     {cut.c_str(), 0, {}}};  // cut in an item: not "250"
         for (const auto &l : loads) {
             uint64_t mask[5] = {0, 0, 0, 0, 0x5a};
             CHILD_CHECK(write_file("/tmp/list", l.line) && load_cpumask(mask, "/tmp/list") == l.rc);

@@ -82,6 +82,17 @@ bool apply_item(const char *item, uint64_t *set, int depth)
     return true;
 }
 
+// How much of a list cut after `len` characters, followed by `next`, to
+// keep: all of it when the cut falls between items, else up to the last ','.
+size_t whole_items(const char *list, size_t len, int next)
+{
+    if (next == '\0' || next == ',' || next == '\n' || next == EOF)
+        return len;
+    while (len > 0 && list[len - 1] != ',')
+        --len;
+    return len > 0 ? len - 1 : 0;
+}
+
 int32_t parse_list(const char *list, uint64_t *set, int depth)
 {
     bool applied = false;
@@ -129,6 +140,14 @@ int scan_range(const char *item, uint32_t *first, uint32_t *last)
     if (*p != '-' || !number(p + 1, &p, last))
         return 1;
     return 2;
+}
+
+void copy_list(char *to, size_t size, const char *from)
+{
+    size_t len = strnlen_s(from, size);
+    size_t keep = len < size ? len : whole_items(from, size - 1, static_cast<unsigned char>(from[size - 1]));
+    memcpy_s(to, size, from, keep);
+    to[keep] = '\0';
 }
 
 }  // namespace tovi::cpumask
@@ -181,6 +200,8 @@ int32_t load_cpumask(uint64_t *mask, const char *path)
         return -1;
     char line[kSysfsLineMax] = {};
     bool read = std::fgets(line, sizeof line, f) != nullptr;
+    if (read && std::strchr(line, '\n') == nullptr)  // a longer line: whole items only
+        line[whole_items(line, std::strlen(line), std::fgetc(f))] = '\0';
     std::fclose(f);
     if (!read)
         return -1;

@@ -89,7 +89,7 @@ int32_t parse_nodes(const char *path, list::Node *nodes, int32_t *cpu_num, int32
         }
         *n = NumaNode{};
         n->id = id;
-        strncpy_s(n->cpus, sizeof n->cpus, value, sizeof n->cpus - 1);
+        tovi::cpumask::copy_list(n->cpus, sizeof n->cpus, value);
         list::add_tail(&n->link, nodes);
         TOVI_LOG(kInfo, "Get cores(%s) by numaId(%u) success.", n->cpus, id);
     }

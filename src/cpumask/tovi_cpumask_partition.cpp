@@ -64,7 +64,7 @@ tovi_cpum_partition_s *new_partition(char *entry, bool *nomem)
     list::init(&p->stList);
     p->iType = static_cast<int32_t>(std::strtol(colon1 + 1, nullptr, 10));
     strncpy_s(p->acName, sizeof p->acName, entry, sizeof p->acName - 1);         // names are cut, not refused
-    strncpy_s(p->acCpuBind, sizeof p->acCpuBind, colon2 + 1, sizeof p->acCpuBind - 1);
+    tovi::cpumask::copy_list(p->acCpuBind, sizeof p->acCpuBind, colon2 + 1);
     return p;
 }
 
