@@ -131,7 +131,7 @@ bool package_cpus(uint32_t package, uint32_t *first, uint32_t *middle)
 bool read_max(uint32_t cpu, uint32_t *khz)
 {
     char line[256];
-    if (cpu >= kMaxCpus || !read_cpu_file(cpu, kMaxFreq, line, sizeof line))
+    if (!read_cpu_file(cpu, kMaxFreq, line, sizeof line))
         return false;
     *khz = static_cast<uint32_t>(std::strtoul(line, nullptr, 10));
     return true;
@@ -221,7 +221,7 @@ int32_t tovi_set_cpufreq_switch(uint32_t type)
 uint32_t tovi_cpufreq_quick_get_max(uint32_t cpu)
 {
     uint32_t khz = 0;
-    return read_max(cpu, &khz) ? khz : 0;
+    return cpu < kMaxCpus && read_max(cpu, &khz) ? khz : 0;
 }
 
 int32_t tovi_get_phycpu_scaling_max_freq(uint32_t package)
