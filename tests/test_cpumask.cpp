@@ -310,10 +310,10 @@ TEST(CpuLayout, NumaFileFailuresThenALoad)
     EXPECT_EQ(tovi_numam_module_init(files), -1);
     std::fill(files[1], files[1] + 256, '\0');
     std::copy(proc.begin(), proc.end(), files[1]);
-    ASSERT_TRUE(write_file(file, nodes) && write_file(proc, "[PROC_PARTITION]\nnuma_enable=true\nproc_numa_info=1\n"));
+    ASSERT_TRUE(write_file(file, nodes) && write_file(proc, "[PROC_PARTITION]\nnuma_enable=true\nproc_numa_info=,1,\n"));
     EXPECT_EQ(tovi_numam_module_init(files), 0);
     EXPECT_EQ(joined(cap.texts()), "Numa cfg numa_info error.|Numa cfg node_numa error.|Numa cfg node_numa error.|" + loaded +
-                                       "Get numa_enable(true) success.|Get proc_numa_info(1) success.|");
+                                       "Get numa_enable(true) success.|Get proc_numa_info(,1,) success.|");
     EXPECT_EQ(tovi_numam_init(nullptr), 0);
     EXPECT_EQ(tovi_numam_status_get(), 1u);
     EXPECT_EQ(tovi_numam_num_get(), 2);

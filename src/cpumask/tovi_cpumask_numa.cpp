@@ -117,13 +117,16 @@ int32_t parse_proc(const char *path, list::Node *nodes, int32_t numa_num, uint32
     if (tovi_cfg_getItemValue_ex(path, "PROC_PARTITION", "proc_numa_info", value, sizeof value) != 0)
         return 0;
     for (const char *p = value; *p != '\0';) {
-        unsigned long id = std::strtoul(p, nullptr, 10);
-        if (id >= static_cast<unsigned long>(numa_num)) {
+        // An empty piece (",," or a trailing ',') names no node; read as a
+        // number it would mark node 0.
+        const bool empty = *p == ',';
+        unsigned long id = empty ? 0 : std::strtoul(p, nullptr, 10);
+        if (!empty && id >= static_cast<unsigned long>(numa_num)) {
             TOVI_LOG(kError, "Get proc_numa_info(%s) failed.", value);
             return -1;
         }
         for (auto *n : list::for_each_entry<NumaNode>(nodes, offsetof(NumaNode, link)))
-            if (n->id == id)
+            if (!empty && n->id == id)
                 n->used = 1;
         const char *comma = std::strchr(p, ',');
         if (comma == nullptr)
