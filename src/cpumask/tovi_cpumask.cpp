@@ -24,8 +24,11 @@ constexpr uint32_t kLastCpu = TOVI_CPUSET_BITS - 1;
 // each and the separator.
 constexpr size_t kItemMax = 128;
 // A partition whose binding names itself, directly or through others, would
-// recurse for ever; real configurations nest one or two levels.
+// recurse for ever; real configurations nest one or two levels. Nor may one
+// list expand more references in all: a binding naming itself many times
+// over would otherwise take (names per binding)^8 steps.
 constexpr int kMaxNesting = 8;
+constexpr int kMaxReferences = 256;
 constexpr size_t kSysfsLineMax = 256;
 
 uint64_t g_possible[TOVI_CPUMASK_WORDS];
@@ -40,24 +43,25 @@ void set_range(uint64_t *set, uint32_t first, uint32_t last)
         set[cpu / 64] |= 1ULL << (cpu % 64);
 }
 
-int32_t parse_list(const char *list, uint64_t *set, int depth);
+int32_t parse_list(const char *list, uint64_t *set, int depth, int *refs_left);
 
 // A reference to another partition's CPU binding ("GROUP_0/io").
-bool apply_reference(const char *group, const char *partition, uint64_t *set, int depth)
+bool apply_reference(const char *group, const char *partition, uint64_t *set, int depth, int *refs_left)
 {
-    if (depth >= kMaxNesting)
+    if (depth >= kMaxNesting || *refs_left <= 0)
         return false;
+    --*refs_left;
     const tovi_cpum_partition_s *p = tovi_cpum_get_partition(group, partition);
-    return p != nullptr && parse_list(p->acCpuBind, set, depth + 1) == 0;
+    return p != nullptr && parse_list(p->acCpuBind, set, depth + 1, refs_left) == 0;
 }
 
 // Applies one item; false when it was bad (logged).
-bool apply_item(const char *item, uint64_t *set, int depth)
+bool apply_item(const char *item, uint64_t *set, int depth, int *refs_left)
 {
     char group[TOVI_CPUM_NAME_LEN];
     char partition[TOVI_CPUM_NAME_LEN];
     if (sscanf_s(item, "%31[^/,]/%31[^,]", group, partition) == 2) {
-        if (apply_reference(group, partition, set, depth))
+        if (apply_reference(group, partition, set, depth, refs_left))
             return true;
         TOVI_LOG(kInfo, "Parse cpu mask fail, invalid format:%s", item);
         return false;
@@ -93,7 +97,7 @@ size_t whole_items(const char *list, size_t len, int next)
     return len > 0 ? len - 1 : 0;
 }
 
-int32_t parse_list(const char *list, uint64_t *set, int depth)
+int32_t parse_list(const char *list, uint64_t *set, int depth, int *refs_left)
 {
     bool applied = false;
     const char *p = list;
@@ -107,7 +111,7 @@ int32_t parse_list(const char *list, uint64_t *set, int depth)
             item[keep] = '\0';
             if (keep < len)  // cut, it would read as another number ("000...05" as 0)
                 TOVI_LOG(kInfo, "Parse cpu mask fail, invalid format:%s", item);
-            else if (apply_item(item, set, depth))
+            else if (apply_item(item, set, depth, refs_left))
                 applied = true;
         }
         if (comma == nullptr)
@@ -162,7 +166,8 @@ int32_t tovi_cpum_parse_cpumask(const char *list, uint64_t *set)
 {
     if (list == nullptr || set == nullptr)
         return -1;
-    return parse_list(list, set, 0);
+    int refs_left = kMaxReferences;
+    return parse_list(list, set, 0, &refs_left);
 }
 
 int32_t tovi_set_cpumask_bit(uint8_t *mask, const char *item)
