@@ -64,7 +64,7 @@ TEST(Cpufreq, TableCommandsAndMachineSteps)
         shell.commands.clear(), cap.clear();
         shell.status[tovi::test::fmt(kGovernorCmd, "performance", 2)] = 256;
         CHILD_CHECK(tovi_set_cpufreq_switch(2) == -22 && tovi_cpufreq_set_governor(1, nullptr) == -22 &&
-                    tovi_cpufreq_set_governor(1, "a;b") == -1 && shell.commands.empty());
+                    tovi_cpufreq_set_governor(1, "a;b") == -1 && tovi_cpufreq_set_governor(1, std::string(200, 'g').c_str()) == -1 && shell.commands.empty());
         CHILD_CHECK(tovi_set_cpufreq_switch(0) == 256 && tovi_set_cpufreq_switch(1) == 0 && shell.commands.size() == 7);
         CHILD_CHECK(shell.commands[2] == tovi::test::fmt(kGovernorCmd, "performance", 2) && shell.commands[6] == tovi::test::fmt(kGovernorCmd, "ondemand", 3));
         const Texts said = cap.texts();  // the invalid type, the refused arguments, then each CPU's command until the failing one
@@ -79,6 +79,8 @@ TEST(Cpufreq, TableCommandsAndMachineSteps)
                     shell.commands == (Texts{set24, "echo 1500000 > /sys/devices/system/cpu/cpu36/cpufreq/scaling_max_freq"}));
         shell.status[set24] = 512;
         CHILD_CHECK(tovi_set_phycpu_scaling_max_freq(1, 1500000) == -1 && shell.commands.size() == 3);
+        // Packages the machine lacks reach no CPU (178956971 x 24 wraps to CPU 8 in 32 bits).
+        CHILD_CHECK(tovi_set_phycpu_scaling_max_freq(2, 1) == -1 && tovi_set_phycpu_scaling_max_freq(178956971, 1) == -1 && shell.commands.size() == 3);
         CHILD_CHECK(unlink((kCpu + "cpu36/cpufreq/scaling_max_freq").c_str()) == 0 && tovi_get_phycpu_scaling_max_freq(1) == -1);
         CHILD_CHECK(cap.texts() == (Texts{"Set freq (1500000) logic_cpuid(24) failed, ret (512).", "Query frequency failed."}));
         // Without the platform kernel every whole-machine step is refused.

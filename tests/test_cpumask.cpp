@@ -51,6 +51,7 @@ TEST(Cpumask, ListsAreOredIntoTheSetAndBadItemsLoggedAndSkipped)
         Cpus want;  // besides CPU 100, there before
         std::vector<std::string> said;
     };
+    const std::string padded = std::string(130, '0') + "5";
     const Case cases[] = {
         {"0-3,8,12-13,63-65", 0, cpus({{0, 3}, {8, 8}, {12, 13}, {63, 65}}), {}},
         {"1023", 0, cpus({{1023, 1023}}), {}},
@@ -62,6 +63,9 @@ TEST(Cpumask, ListsAreOredIntoTheSetAndBadItemsLoggedAndSkipped)
         {",,", -1, {}, {}},
         {",2,,4,", 0, cpus({{2, 2}, {4, 4}}), {}},  // empty items are no items
         {"6-y", 0, cpus({{6, 6}}), {}},             // a second number that does not scan: one CPU
+        {"4294967296-4294967300,4294967298", 0, {}, {}},  // beyond 32 bits: no CPU, not their low bits
+        {"1000-4294967297", 0, cpus({{1000, 1023}}), {}},
+        {padded.c_str(), -1, {}, {bad(padded.substr(0, 127))}},  // longer than any item: not cut to another number
     };
     for (const Case &c : cases) {
         LogCapture cap;
@@ -192,11 +196,14 @@ TEST(CpuLayout, MasksCountsAndAMissingPartitionFile)
         for (uint32_t cpu = tovi_first_cpu(cpu_online_mask); cpu < 256; cpu = tovi_next_cpu(cpu, cpu_online_mask))
             online.push_back(cpu);
         CHILD_CHECK(online == (std::vector<uint32_t>{0, 1, 2, 8}) && tovi_first_cpu(cpu_present_mask) == 256);
+        const std::string whole = std::string(252, ',') + "250\n", cut = std::string(252, ',') + "2500\n";
         struct {
             const char *line;
             int32_t rc;
             Cpus want;
-        } loads[] = {{"4-6,1\n", 6, cpus({{1, 1}, {4, 6}})}, {"7-5\n", 5, {}}, {"255-1000", 1000, cpus({{255, 255}})}};
+        } loads[] = {{"4-6,1\n", 6, cpus({{1, 1}, {4, 6}})}, {"7-5\n", 5, {}}, {"255-1000", 1000, cpus({{255, 255}})},
+                     {whole.c_str(), 250, cpus({{250, 250}})},  // 255 characters and the line feed
+                     {cut.c_str(), 0, {}}};  // cut in an item: not "250"
         for (const auto &l : loads) {
             uint64_t mask[5] = {0, 0, 0, 0, 0x5a};
             CHILD_CHECK(write_file("/tmp/list", l.line) && load_cpumask(mask, "/tmp/list") == l.rc);
@@ -220,12 +227,17 @@ TEST(CpuLayout, MasksCountsAndAMissingPartitionFile)
 
 TEST(CpuLayout, PartitionsFromTheGeneratedDefaultFile)
 {
+    std::string loops = "GROUP_0/loop";  // names itself 12 times: 12^8 steps unless references are counted
+    for (int i = 0; i < 11; ++i)
+        loops += ",GROUP_0/loop";
     const std::string script = "#!/bin/sh\necho \"$*\" >/tmp/args\nmkdir -p \"$1\"\ncat >\"$1product.ini\" <<EOF\n"
-                               "[CPU_PARTITION]\ngroup_num=3\n[GROUP_0]\npartition_num=6\npartition_0=io:1:2-3\n"
+                               "[CPU_PARTITION]\ngroup_num=4294967295\n[GROUP_0]\npartition_num=6\npartition_0=io:1:2-3\n"
                                "partition_1=IOD_NORMAL:2:4-9\npartition_2=nocolon\npartition_3=ref:3:GROUP_0/io,12\n"
-                               "partition_4=loop:4:GROUP_0/loop\npartition_5=a_name_longer_than_thirty_one_chars:5:7\n"
-                               "[GROUP_1]\npartition_num=0\n[GROUP_2]\npartition_num=1\npartition_0=IOD_NORMAL:6:20-21\nEOF\n";
-    in_fake_root({{"/ZSR/component/omm/script/gen_product_ini.sh", script}}, [] {
+                               "partition_4=loop:4:" + loops + "\npartition_5=a_name_longer_than_thirty_one_chars:5:7\n"
+                               "[GROUP_1]\npartition_num=0\n[GROUP_2]\npartition_num=4294967295\npartition_0=IOD_NORMAL:6:20-21\n"
+                               "partition_1=IOD_NORMAL:7:4294967296-4294967300\nEOF\n";
+    in_fake_root({{"/ZSR/component/omm/script/gen_product_ini.sh", script}}, [&] {
+        alarm(60);  // neither counts of 2^32 - 1 nor a binding naming itself may take minutes
         LogCapture cap;
         uint64_t set[16] = {};
         CHILD_CHECK(tovi_cpum_dbg_show(show) == -1 && g_shown == "Cpu partition is not inited yet\n");
@@ -250,9 +262,10 @@ TEST(CpuLayout, PartitionsFromTheGeneratedDefaultFile)
                                "GROUP_0          io               1    2-3\n"
                                "GROUP_0          IOD_NORMAL       2    4-9\n"
                                "GROUP_0          ref              3    GROUP_0/io,12\n"
-                               "GROUP_0          loop             4    GROUP_0/loop\n"
+                               "GROUP_0          loop             4    " + loops + "\n"
                                "GROUP_0          a_name_longer_than_thirty_one_c 5    7\n"
-                               "GROUP_2          IOD_NORMAL       6    20-21\n");
+                               "GROUP_2          IOD_NORMAL       6    20-21\n"
+                               "GROUP_2          IOD_NORMAL       7    4294967296-4294967300\n");
         return std::string();
     });
 }
@@ -262,13 +275,13 @@ TEST(CpuLayout, NumaFileFailuresThenALoad)
     char dir[] = "/tmp/tovi_numa_XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string file = std::string(dir) + "/numa.ini", proc = std::string(dir) + "/proc.ini";
-    const std::string nodes = "[NUMA_PARTITION]\ncpu_num=8\nnuma_num=2\nnuma_0=0-3,8\nnuma_1=4-7,250-1100\n";
+    const std::string nodes = "[NUMA_PARTITION]\ncpu_num=8\nnuma_num=2\nnuma_0=0-3,8\nnuma_1=4-7,250-1100,4294967298\n";
     LogCapture cap;
     if (access(TOVI_NUMAM_FILE, F_OK) != 0) {
         EXPECT_EQ(tovi_numam_init(nullptr), 0);
         EXPECT_EQ(cap.texts(), Texts{"Numa cfg " + std::string(TOVI_NUMAM_FILE) + " is not access, errno:2"});
     }
-    const std::string loaded = "Get cores(0-3,8) by numaId(0) success.|Get cores(4-7,250-1100) by numaId(1) success.|"
+    const std::string loaded = "Get cores(0-3,8) by numaId(0) success.|Get cores(4-7,250-1100,4294967298) by numaId(1) success.|"
                                "Get cpu_num(8), numa_num(2) success.|";
     struct {
         std::string text;
@@ -300,10 +313,10 @@ TEST(CpuLayout, NumaFileFailuresThenALoad)
     EXPECT_EQ(tovi_numam_module_init(files), -1);
     std::fill(files[1], files[1] + 256, '\0');
     std::copy(proc.begin(), proc.end(), files[1]);
-    ASSERT_TRUE(write_file(file, nodes) && write_file(proc, "[PROC_PARTITION]\nnuma_enable=true\nproc_numa_info=1\n"));
+    ASSERT_TRUE(write_file(file, nodes) && write_file(proc, "[PROC_PARTITION]\nnuma_enable=true\nproc_numa_info=,1,\n"));
     EXPECT_EQ(tovi_numam_module_init(files), 0);
     EXPECT_EQ(joined(cap.texts()), "Numa cfg numa_info error.|Numa cfg node_numa error.|Numa cfg node_numa error.|" + loaded +
-                                       "Get numa_enable(true) success.|Get proc_numa_info(1) success.|");
+                                       "Get numa_enable(true) success.|Get proc_numa_info(,1,) success.|");
     EXPECT_EQ(tovi_numam_init(nullptr), 0);
     EXPECT_EQ(tovi_numam_status_get(), 1u);
     EXPECT_EQ(tovi_numam_num_get(), 2);

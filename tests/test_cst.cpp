@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "child.hpp"
@@ -69,5 +70,10 @@ TEST(Cst, RefusedBeforeSendingThenSetGetAndReload)
                                   "cmd(256).", "Ioctl failed, errno 22", "Set item failed, section(a b) itemName(x) "
                                   "itemValue(v)", "Ioctl failed, errno 22", "Set item failed, section(s) itemName(x) "
                                   "itemValue(two\nlines)", nulls}));
+    // A FIFO where the file belongs is refused, not held open for a reader.
+    const std::string fifo = std::string(dir) + "/fifo";
+    setenv(TOVI_CST_FILE_ENV, fifo.c_str(), 1);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(run_in_child([] { alarm(10); return tovi_cst_setItem("s", "x", "v") == -1 ? 0 : 1; }), 0);  // SIGALRM: 142
     std::filesystem::remove_all(dir);
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -91,14 +92,20 @@ TEST(Sysinfo, UsageFromStatSamples)
         {stat_of({200, 0, 0, 350, 50, 0, 0, 100}, {40, 0, 0, 30}, "cpu0 1 2 3\n"), 100, 100, 25},  // a short CPU line ends it
         {stat_of({200, 0, 0, 350, 50, 0, 0, 100}, {40, 0, 0, 60}, "cpu999 5 5 5 5\n"), 100, 100, 25},  // a CPU beyond n is skipped, and the last CPU's line is then beyond n lines
         {stat_of({200, 0, 0, 350, 50, 0, 0, 100}, {40, 0, 0, 60}), 100, 100, 50},  // every CPU
-        {"", 100, 100, 50},  // the last: an empty file
+        {stat_of([] { Fields f{300, 0, 0, 450, 50, 0, 0, 100}; f.resize(22, 1000000000); return f; }(), {40, 0, 0, 120}), 50, 50, 0},  // a first line over 160 bytes
+        {"", 50, 50, 0},  // the last: an empty file
     };
     for (bool steal_busy : {false, true})
         EXPECT_CHILD_REPORT(in_namespace(steal_busy ? "SYSINFO_CPUUSAGE_THREAD_FLAG=0\nSYSINFO_CPUUSAGE_STEAL_BUSY=1\n" : "SYSINFO_CPUUSAGE_THREAD_FLAG=0\n",
                      [&]() -> std::string {
             LogCapture cap;
             const uint32_t last_cpu = n - 1, beyond = n;
+            // An array bigger than this process needs (made by one that counts more CPUs) is not cut.
+            struct stat st {};
+            const int fd = shm_open(tovi::sysinfo::kUsageName, O_CREAT | O_RDWR, 0660);
+            CHILD_CHECK(fd >= 0 && ftruncate(fd, 8192) == 0);
             CHILD_CHECK(sysinfo_init() == 0 && sysinfo_init() == 0 && tovi::sysinfo::steal_is_busy() == steal_busy);
+            CHILD_CHECK(fstat(fd, &st) == 0 && st.st_size == 8192 && close(fd) == 0);
             for (const auto &s : samples) {
                 cap.clear();
                 CHILD_CHECK(use_stat(s.stat));
@@ -111,7 +118,7 @@ TEST(Sysinfo, UsageFromStatSamples)
             CHILD_CHECK(cap.texts() == Texts{"Get CPU stat (/proc/stat) file failed."} && sampler_holder() == "0");  // reads, never samples
             std::vector<uint32_t> out(n + 2, 7);
             cap.clear();
-            CHILD_CHECK(tovi_get_cpu_usage_array(out.data(), n + 2) == 0 && out[n - 1] == 50 && out[n] == 7);
+            CHILD_CHECK(tovi_get_cpu_usage_array(out.data(), n + 2) == 0 && out[n - 1] == 0 && out[n] == 7);
             CHILD_CHECK(tovi_sysinfo_core_usage(&beyond) == 0 && tovi_sysinfo_core_usage(nullptr) == 0);
             CHILD_CHECK(tovi_get_cpu_usage_array(nullptr, 1) == -1 && cap.texts() == Texts{"tovi_get_cpu_usage_array: data is NULL"});
             return "";
@@ -119,21 +126,26 @@ TEST(Sysinfo, UsageFromStatSamples)
 }
 
 // Two processes start a sampler each: the first samples, the second reads
-// its numbers and takes over when it ends.
+// its numbers and takes over when it ends. The first lives until it gets a
+// lock the second holds: the second's sampler, waiting for the first, closes
+// a cycle the kernel reports as a deadlock, which is none.
 TEST(Sysinfo, OneSamplerPerMachineAndATakeOver)
 {
     EXPECT_CHILD_REPORT(in_namespace("", []() -> std::string {
         CHILD_CHECK(use_stat(stat_of({100, 0, 0, 300}, {1, 0, 0, 3})));
-        int go[2];  // the first lives until the pipe closes
-        pid_t first = pipe(go) == 0 ? fork() : -1;
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        const int held = open("/tmp/held", O_RDWR | O_CREAT, 0600);
+        pid_t first = fcntl(held, F_SETLK, &whole) == 0 ? fork() : -1;
         if (first == 0)
-            _exit(close(go[1]) == 0 && sysinfo_init() == 0 && read(go[0], go, 1) >= 0 ? 0 : 1);
-        close(go[0]);
-        CHILD_CHECK(tovi::test::wait_for([&] { return sampler_holder() == std::to_string(first); }) && sysinfo_init() == 0);
-        CHILD_CHECK(tovi::test::wait_for([] { return tovi_sysinfo_cpu_usage() == 25; }) && sampler_holder() == std::to_string(first));
+            _exit(sysinfo_init() == 0 && fcntl(held, F_SETLKW, &whole) == 0 ? 0 : 1);
+        const std::string waiting = tovi::test::fmt("-> POSIX  ADVISORY  WRITE %d ", first);
+        CHILD_CHECK(tovi::test::wait_for([&] { return sampler_holder() == std::to_string(first) && tovi::test::read_file("/proc/locks").find(waiting) != std::string::npos; }));
+        CHILD_CHECK(sysinfo_init() == 0 && tovi::test::wait_for([] { return tovi_sysinfo_cpu_usage() == 25; }) && sampler_holder() == std::to_string(first));
         // The first ends; the second's waiting sampler goes on from the
         // numbers the first stored (100 more ticks, 75 of them busy).
-        close(go[1]);
+        whole.l_type = F_UNLCK;
+        CHILD_CHECK(fcntl(held, F_SETLK, &whole) == 0);
         int status = 0;
         CHILD_CHECK(waitpid(first, &status, 0) == first && status == 0 && use_stat(stat_of({175, 0, 0, 325}, {1, 0, 0, 3})));
         CHILD_CHECK(tovi::test::wait_for([] { return tovi_sysinfo_cpu_usage() == 75; }) && sampler_holder() == std::to_string(getpid()));

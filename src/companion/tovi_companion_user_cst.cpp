@@ -89,7 +89,8 @@ long cst_set(void *arg)
         std::strpbrk(req->acItemValue, "\r\n") != nullptr)
         return fail(EINVAL);
     const char *path = cst_file();
-    int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    // Non-blocking: a FIFO left at the path would wait for a reader for ever.
+    int fd = open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0600);
     if (fd < 0)
         return -1;  // errno from open
     close(fd);

@@ -114,17 +114,24 @@ bool fill_entry(uint32_t cpu)
 }
 
 // The two CPUs of a package that stand for it: the first and the middle.
-void package_cpus(uint32_t package, uint32_t *first, uint32_t *middle)
+// False for a package the machine does not have, or before the counts are
+// known: package x per-package would wrap in 32 bits or come out as CPU 0,
+// and a command must not reach a real CPU for a nonsense package.
+bool package_cpus(uint32_t package, uint32_t *first, uint32_t *middle)
 {
-    const uint32_t per = g_packages != 0 ? g_logical / g_packages : 0;
-    *first = package * per;
+    std::lock_guard<std::mutex> guard(g_init_mutex);  // the counts are written by a failed init too
+    const uint32_t per = g_done && g_packages != 0 ? g_logical / g_packages : 0;
+    if (per == 0 || package >= g_packages)
+        return false;
+    *first = package * per;  // below g_logical: no wrap
     *middle = *first + per / 2;
+    return true;
 }
 
 bool read_max(uint32_t cpu, uint32_t *khz)
 {
     char line[256];
-    if (cpu >= kMaxCpus || !read_cpu_file(cpu, kMaxFreq, line, sizeof line))
+    if (!read_cpu_file(cpu, kMaxFreq, line, sizeof line))
         return false;
     *khz = static_cast<uint32_t>(std::strtoul(line, nullptr, 10));
     return true;
@@ -186,9 +193,11 @@ int32_t tovi_cpufreq_set_governor(uint32_t cpu, const char *governor)
         TOVI_LOG(kError, "Param error: v_pszGovernor(%s) is dangerous.", governor);
         return -1;
     }
-    TOVI_LOG(kInfo, "Cpufreq governor(%s), v_pszGovernor(%d), file(%s).", governor, static_cast<int>(cpu), kGovernor);
     char cmd[256];
-    std::snprintf(cmd, sizeof cmd, "echo %s > /sys/devices/system/cpu/cpu%u/cpufreq/%s", governor, cpu, kGovernor);
+    int len = std::snprintf(cmd, sizeof cmd, "echo %s > /sys/devices/system/cpu/cpu%u/cpufreq/%s", governor, cpu, kGovernor);
+    if (len < 0 || static_cast<size_t>(len) >= sizeof cmd)
+        return -1;  // cut short, the redirection would name another file
+    TOVI_LOG(kInfo, "Cpufreq governor(%s), v_pszGovernor(%d), file(%s).", governor, static_cast<int>(cpu), kGovernor);
     return tovi_system_s(cmd, ">");
 }
 
@@ -212,15 +221,14 @@ int32_t tovi_set_cpufreq_switch(uint32_t type)
 uint32_t tovi_cpufreq_quick_get_max(uint32_t cpu)
 {
     uint32_t khz = 0;
-    return read_max(cpu, &khz) ? khz : 0;
+    return cpu < kMaxCpus && read_max(cpu, &khz) ? khz : 0;
 }
 
 int32_t tovi_get_phycpu_scaling_max_freq(uint32_t package)
 {
     tovi_cpufreq_init();
     uint32_t first, middle, a = 0, b = 0;
-    package_cpus(package, &first, &middle);
-    if (!read_max(first, &a) || !read_max(middle, &b)) {
+    if (!package_cpus(package, &first, &middle) || !read_max(first, &a) || !read_max(middle, &b)) {
         TOVI_LOG(kError, "Query frequency failed.");
         return -1;
     }
@@ -231,7 +239,8 @@ int32_t tovi_set_phycpu_scaling_max_freq(uint32_t package, uint32_t freq)
 {
     tovi_cpufreq_init();
     uint32_t cpus[2];
-    package_cpus(package, &cpus[0], &cpus[1]);
+    if (!package_cpus(package, &cpus[0], &cpus[1]))
+        return -1;
     for (uint32_t cpu : cpus) {
         char cmd[256];
         std::snprintf(cmd, sizeof cmd, "echo %u > /sys/devices/system/cpu/cpu%u/cpufreq/%s", freq, cpu, kMaxFreq);

@@ -1,6 +1,7 @@
 // CPU masks of the system and CPU lists.
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -9,6 +10,7 @@
 
 #include "tovi_bitop.h"
 #include "tovi_cpumask.h"
+#include "tovi_cpumask.hpp"
 #define TOVI_LOG_SOURCE "tovi_cpumask"
 #include "tovi_log.hpp"
 
@@ -22,8 +24,11 @@ constexpr uint32_t kLastCpu = TOVI_CPUSET_BITS - 1;
 // each and the separator.
 constexpr size_t kItemMax = 128;
 // A partition whose binding names itself, directly or through others, would
-// recurse for ever; real configurations nest one or two levels.
+// recurse for ever; real configurations nest one or two levels. Nor may one
+// list expand more references in all: a binding naming itself many times
+// over would otherwise take (names per binding)^8 steps.
 constexpr int kMaxNesting = 8;
+constexpr int kMaxReferences = 256;
 constexpr size_t kSysfsLineMax = 256;
 
 uint64_t g_possible[TOVI_CPUMASK_WORDS];
@@ -38,31 +43,32 @@ void set_range(uint64_t *set, uint32_t first, uint32_t last)
         set[cpu / 64] |= 1ULL << (cpu % 64);
 }
 
-int32_t parse_list(const char *list, uint64_t *set, int depth);
+int32_t parse_list(const char *list, uint64_t *set, int depth, int *refs_left);
 
 // A reference to another partition's CPU binding ("GROUP_0/io").
-bool apply_reference(const char *group, const char *partition, uint64_t *set, int depth)
+bool apply_reference(const char *group, const char *partition, uint64_t *set, int depth, int *refs_left)
 {
-    if (depth >= kMaxNesting)
+    if (depth >= kMaxNesting || *refs_left <= 0)
         return false;
+    --*refs_left;
     const tovi_cpum_partition_s *p = tovi_cpum_get_partition(group, partition);
-    return p != nullptr && parse_list(p->acCpuBind, set, depth + 1) == 0;
+    return p != nullptr && parse_list(p->acCpuBind, set, depth + 1, refs_left) == 0;
 }
 
 // Applies one item; false when it was bad (logged).
-bool apply_item(const char *item, uint64_t *set, int depth)
+bool apply_item(const char *item, uint64_t *set, int depth, int *refs_left)
 {
     char group[TOVI_CPUM_NAME_LEN];
     char partition[TOVI_CPUM_NAME_LEN];
     if (sscanf_s(item, "%31[^/,]/%31[^,]", group, partition) == 2) {
-        if (apply_reference(group, partition, set, depth))
+        if (apply_reference(group, partition, set, depth, refs_left))
             return true;
         TOVI_LOG(kInfo, "Parse cpu mask fail, invalid format:%s", item);
         return false;
     }
-    unsigned first = 0;
-    unsigned last = 0;
-    int n = sscanf_s(item, "%u-%u", &first, &last);
+    uint32_t first = 0;
+    uint32_t last = 0;
+    int n = tovi::cpumask::scan_range(item, &first, &last);
     if (n == 1) {
         last = first;
     } else if (n != 2) {
@@ -80,7 +86,18 @@ bool apply_item(const char *item, uint64_t *set, int depth)
     return true;
 }
 
-int32_t parse_list(const char *list, uint64_t *set, int depth)
+// How much of a list cut after `len` characters, followed by `next`, to
+// keep: all of it when the cut falls between items, else up to the last ','.
+size_t whole_items(const char *list, size_t len, int next)
+{
+    if (next == '\0' || next == ',' || next == '\n' || next == EOF)
+        return len;
+    while (len > 0 && list[len - 1] != ',')
+        --len;
+    return len > 0 ? len - 1 : 0;
+}
+
+int32_t parse_list(const char *list, uint64_t *set, int depth, int *refs_left)
 {
     bool applied = false;
     const char *p = list;
@@ -92,7 +109,9 @@ int32_t parse_list(const char *list, uint64_t *set, int depth)
             size_t keep = len < kItemMax ? len : kItemMax - 1;
             memcpy_s(item, sizeof item, p, keep);
             item[keep] = '\0';
-            if (apply_item(item, set, depth))
+            if (keep < len)  // cut, it would read as another number ("000...05" as 0)
+                TOVI_LOG(kInfo, "Parse cpu mask fail, invalid format:%s", item);
+            else if (apply_item(item, set, depth, refs_left))
                 applied = true;
         }
         if (comma == nullptr)
@@ -104,6 +123,39 @@ int32_t parse_list(const char *list, uint64_t *set, int depth)
 
 }  // namespace
 
+namespace tovi::cpumask {
+
+int scan_range(const char *item, uint32_t *first, uint32_t *last)
+{
+    // strtoull takes what %u takes (blanks, a sign) and saturates instead of
+    // wrapping; a negative number comes out huge, as with %u.
+    auto number = [](const char *p, const char **end, uint32_t *out) {
+        char *e = nullptr;
+        unsigned long long v = std::strtoull(p, &e, 10);
+        if (e == p)
+            return false;
+        *out = v > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(v);
+        *end = e;
+        return true;
+    };
+    const char *p = item;
+    if (!number(p, &p, first))
+        return 0;
+    if (*p != '-' || !number(p + 1, &p, last))
+        return 1;
+    return 2;
+}
+
+void copy_list(char *to, size_t size, const char *from)
+{
+    size_t len = strnlen_s(from, size);
+    size_t keep = len < size ? len : whole_items(from, size - 1, static_cast<unsigned char>(from[size - 1]));
+    memcpy_s(to, size, from, keep);
+    to[keep] = '\0';
+}
+
+}  // namespace tovi::cpumask
+
 extern "C" {
 
 uint64_t *const cpu_possible_mask = g_possible;
@@ -114,7 +166,8 @@ int32_t tovi_cpum_parse_cpumask(const char *list, uint64_t *set)
 {
     if (list == nullptr || set == nullptr)
         return -1;
-    return parse_list(list, set, 0);
+    int refs_left = kMaxReferences;
+    return parse_list(list, set, 0, &refs_left);
 }
 
 int32_t tovi_set_cpumask_bit(uint8_t *mask, const char *item)
@@ -152,6 +205,8 @@ int32_t load_cpumask(uint64_t *mask, const char *path)
         return -1;
     char line[kSysfsLineMax] = {};
     bool read = std::fgets(line, sizeof line, f) != nullptr;
+    if (read && std::strchr(line, '\n') == nullptr)  // a longer line: whole items only
+        line[whole_items(line, std::strlen(line), std::fgetc(f))] = '\0';
     std::fclose(f);
     if (!read)
         return -1;

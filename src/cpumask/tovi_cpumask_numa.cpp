@@ -18,6 +18,7 @@
 
 #include "tovi_cfg.h"
 #include "tovi_cpumask.h"
+#include "tovi_cpumask.hpp"
 #include "tovi_list.hpp"
 #define TOVI_LOG_SOURCE "tovi_numa"
 #include "tovi_log.hpp"
@@ -88,7 +89,7 @@ int32_t parse_nodes(const char *path, list::Node *nodes, int32_t *cpu_num, int32
         }
         *n = NumaNode{};
         n->id = id;
-        strncpy_s(n->cpus, sizeof n->cpus, value, sizeof n->cpus - 1);
+        tovi::cpumask::copy_list(n->cpus, sizeof n->cpus, value);
         list::add_tail(&n->link, nodes);
         TOVI_LOG(kInfo, "Get cores(%s) by numaId(%u) success.", n->cpus, id);
     }
@@ -116,13 +117,16 @@ int32_t parse_proc(const char *path, list::Node *nodes, int32_t numa_num, uint32
     if (tovi_cfg_getItemValue_ex(path, "PROC_PARTITION", "proc_numa_info", value, sizeof value) != 0)
         return 0;
     for (const char *p = value; *p != '\0';) {
-        unsigned long id = std::strtoul(p, nullptr, 10);
-        if (id >= static_cast<unsigned long>(numa_num)) {
+        // An empty piece (",," or a trailing ',') names no node; read as a
+        // number it would mark node 0.
+        const bool empty = *p == ',';
+        unsigned long id = empty ? 0 : std::strtoul(p, nullptr, 10);
+        if (!empty && id >= static_cast<unsigned long>(numa_num)) {
             TOVI_LOG(kError, "Get proc_numa_info(%s) failed.", value);
             return -1;
         }
         for (auto *n : list::for_each_entry<NumaNode>(nodes, offsetof(NumaNode, link)))
-            if (n->id == id)
+            if (!empty && n->id == id)
                 n->used = 1;
         const char *comma = std::strchr(p, ',');
         if (comma == nullptr)
@@ -332,9 +336,9 @@ int32_t tovi_numam_parse_cpustr(const char *item, uint32_t *start, uint32_t *end
 {
     if (item == nullptr || start == nullptr || end == nullptr)
         return -1;
-    unsigned first = 0;
-    unsigned last = 0;
-    int n = sscanf_s(item, "%u-%u", &first, &last);
+    uint32_t first = 0;
+    uint32_t last = 0;
+    int n = tovi::cpumask::scan_range(item, &first, &last);
     if (n == 2 && last < first) {
         TOVI_LOG(kError, "Parse cpu mask %s fail, end:%u is less than start:%u", item, last, first);
         return -1;

@@ -4,6 +4,7 @@
 // The table is built under g_mutex and published by the release store of
 // g_inited; readers that see the flag walk it without a lock, and it never
 // changes afterwards.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -17,6 +18,7 @@
 
 #include "tovi_cfg.h"
 #include "tovi_cpumask.h"
+#include "tovi_cpumask.hpp"
 #include "tovi_list.hpp"
 #define TOVI_LOG_SOURCE "tovi_cpumask"
 #include "tovi_log.hpp"
@@ -62,8 +64,34 @@ tovi_cpum_partition_s *new_partition(char *entry, bool *nomem)
     list::init(&p->stList);
     p->iType = static_cast<int32_t>(std::strtol(colon1 + 1, nullptr, 10));
     strncpy_s(p->acName, sizeof p->acName, entry, sizeof p->acName - 1);         // names are cut, not refused
-    strncpy_s(p->acCpuBind, sizeof p->acCpuBind, colon2 + 1, sizeof p->acCpuBind - 1);
+    tovi::cpumask::copy_list(p->acCpuBind, sizeof p->acCpuBind, colon2 + 1);
     return p;
+}
+
+// The largest n of the sections "GROUP_<n>" and of the keys "partition_<n>"
+// in a loaded file: no group or partition lies beyond them, so a count of
+// billions (a -1 written unsigned) is not walked name by name.
+struct Highest {
+    long group = -1;
+    long partition = -1;
+};
+
+long index_after(const char *name, const char *prefix)
+{
+    const size_t len = std::strlen(prefix);
+    if (std::strncmp(name, prefix, len) != 0 || name[len] < '0' || name[len] > '9')
+        return -1;
+    char *end = nullptr;
+    long n = std::strtol(name + len, &end, 10);
+    return *end == '\0' ? n : -1;
+}
+
+int32_t note_highest(const char *section, const char *item, const char *, void *arg)
+{
+    auto *h = static_cast<Highest *>(arg);
+    long &highest = item == nullptr ? h->group : h->partition;
+    highest = std::max(highest, item == nullptr ? index_after(section, "GROUP_") : index_after(item, "partition_"));
+    return 0;
 }
 
 // Reads the groups of a loaded file onto the global list. 0 or -1.
@@ -74,6 +102,9 @@ int32_t parse(const char *path)
         TOVI_LOG_RATELIMITED(kInfo, "Get cpu num fail, ret:%d", static_cast<int>(groups));
         return -1;
     }
+    Highest highest;
+    tovi_cfg_walk(path, note_highest, &highest);
+    groups = std::min(groups, highest.group + 1);
     for (long i = 0; i < groups; ++i) {
         char section[TOVI_CFG_NAME_MAX];
         snprintf_s(section, sizeof section, "GROUP_%ld", i);
@@ -90,7 +121,7 @@ int32_t parse(const char *path)
         *g = tovi_cpum_group_s{};
         list::init(&g->stPartitions);
         strncpy_s(g->acName, sizeof g->acName, section, sizeof g->acName - 1);
-        for (long j = 0; j < partitions; ++j) {
+        for (long j = 0; j < std::min(partitions, highest.partition + 1); ++j) {
             char key[TOVI_CFG_NAME_MAX];
             char entry[kValueMax];
             snprintf_s(key, sizeof key, "partition_%ld", j);
@@ -177,9 +208,9 @@ int32_t tovi_cpum_clear_cpumask_of_iod_poll(uint64_t *set)
     for (auto *g : list::for_each_entry<tovi_cpum_group_s>(&g_groups, offsetof(tovi_cpum_group_s, stList)))
         for (auto *p : list::for_each_entry<tovi_cpum_partition_s>(&g->stPartitions,
                                                                      offsetof(tovi_cpum_partition_s, stList))) {
-            unsigned first = 0;
-            unsigned last = 0;
-            if (std::strcmp(p->acName, "IOD_NORMAL") != 0 || sscanf_s(p->acCpuBind, "%u-%u", &first, &last) != 2 ||
+            uint32_t first = 0;
+            uint32_t last = 0;
+            if (std::strcmp(p->acName, "IOD_NORMAL") != 0 || tovi::cpumask::scan_range(p->acCpuBind, &first, &last) != 2 ||
                 first > TOVI_CPUSET_BITS - 2 || last < first + 2)
                 continue;
             for (unsigned cpu = first; cpu <= first + 1; ++cpu)

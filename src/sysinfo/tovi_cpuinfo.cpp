@@ -21,6 +21,7 @@
 #include "tovi_process.h"
 #include "tovi_shm.h"
 #include "tovi_sysinfo.h"
+#include "tovi_sysinfo.hpp"
 
 namespace {
 
@@ -115,7 +116,7 @@ uint32_t node_count()
         TOVI_LOG(kError, "Get numa num failed, ret is %d", ret);
         return 0;
     }
-    return static_cast<uint32_t>((ret == 2 ? last : first) + 1);
+    return static_cast<uint32_t>(ret == 2 ? last : first) + 1u;  // "0-2147483647": no signed overflow
 }
 
 CpuInfo gather()
@@ -149,7 +150,7 @@ CpuInfo load_shared()
     const tovi_lock_req_s whole{TOVI_LOCK_EXCLUSIVE, 0, 0};
     if (fd < 0)
         TOVI_LOG(kError, "Open cpuinfo flock_fd failed, errno = %d", errno);
-    else if (tovi_lockfile(fd, &whole) != 0)
+    else if (!tovi::sysinfo::lock_whole(fd))
         TOVI_LOG(kError, "lock file failed, errno=%d.", errno);
     CpuInfo info = *shared;
     if (!valid(info)) {

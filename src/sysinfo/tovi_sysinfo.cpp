@@ -10,8 +10,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
@@ -59,10 +62,22 @@ uint32_t configured()
 }
 
 // Creates the array exclusively, or attaches the one another process made.
+// Attaching resizes the object to the size asked for, so it asks for no
+// less than the object has: a process that counts fewer CPUs (started after
+// one was removed) must not cut the array under a sampler that writes all
+// of it, which would then die of SIGBUS.
 void *create_or_attach(const char *name, size_t bytes)
 {
     void *p = tovi_shm_create_ext(name, O_CREAT | O_EXCL | O_RDWR, 0660, bytes);
-    return p != nullptr ? p : tovi_shm_create_ext(name, O_RDWR, 0660, bytes);
+    if (p != nullptr)
+        return p;
+    struct stat st {};
+    if (int fd = shm_open(name, O_RDONLY | O_CLOEXEC, 0); fd >= 0) {
+        if (fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) > bytes)
+            bytes = static_cast<size_t>(st.st_size);
+        close(fd);
+    }
+    return tovi_shm_create_ext(name, O_RDWR, 0660, bytes);
 }
 
 bool map_arrays()
@@ -121,15 +136,27 @@ uint64_t total_of(const unsigned long *v, bool steal_busy)
     return steal_busy ? total + v[7] : total;
 }
 
+// One line of at most kLineBytes - 1 characters; the rest of a longer one is
+// passed over, so that its tail is not taken for the next line (which would
+// end the sample before the CPU lines).
+bool read_line(char *line, FILE *f)
+{
+    if (std::fgets(line, kLineBytes, f) == nullptr)
+        return false;
+    if (std::strchr(line, '\n') == nullptr)
+        for (int c = std::getc(f); c != EOF && c != '\n'; c = std::getc(f)) {
+        }
+    return true;
+}
+
 void *calc_cpu_usage_thrd(void *)
 {
     tovi_set_process_name("tovi_sysinfo");
     int fd = open(kSamplerLock, O_RDWR | O_CREAT | O_CLOEXEC, 0660);
     if (fd < 0)
         TOVI_LOG(kError, "open file(%s) failed, errno is %d.", kSamplerLock, errno);
-    const tovi_lock_req_s whole{TOVI_LOCK_EXCLUSIVE, 0, 0};
     // Waits while another process samples; takes over when it ends.
-    if (fd >= 0 && tovi_lockfile(fd, &whole) != 0) {
+    if (fd >= 0 && !lock_whole(fd)) {
         TOVI_LOG(kError, "lock file(%s) failed, errno is %d.", kSamplerLock, errno);
         close(fd);
         fd = -1;
@@ -146,6 +173,23 @@ void *calc_cpu_usage_thrd(void *)
 }
 
 }  // namespace
+
+bool lock_whole(int fd)
+{
+    // Record locks belong to the process, not the thread, so the kernel's
+    // deadlock check sees a cycle that is none when one thread here waits
+    // for a process that waits for a lock another thread here holds (our
+    // sampler waiting while our start-up holds the topology lock). That
+    // wait ends on its own: ask again rather than give up.
+    const tovi_lock_req_s whole{TOVI_LOCK_EXCLUSIVE, 0, 0};
+    for (;;) {
+        if (tovi_lockfile(fd, &whole) == 0)
+            return true;
+        if (errno != EDEADLK)
+            return false;
+        tovi_10msleep(1);
+    }
+}
 
 bool steal_is_busy()
 {
@@ -165,12 +209,12 @@ void update_all_cpu_usage()
     const bool steal_busy = steal_is_busy();
     char line[kLineBytes];
     unsigned long v[8] = {};
-    if (std::fgets(line, sizeof line, f) == nullptr) {
+    if (!read_line(line, f)) {
         TOVI_LOG(kError, "Get CPU stat (%s) file failed.", kStatFile);
     } else if (std::sscanf(line, "cpu %lu %lu %lu %lu %lu %lu %lu %lu", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5],
                            &v[6], &v[7]) >= 4) {
         update_element(0, v[3], total_of(v, steal_busy));
-        for (uint32_t seen = 0; seen < n && std::fgets(line, sizeof line, f) != nullptr; ++seen) {
+        for (uint32_t seen = 0; seen < n && read_line(line, f); ++seen) {
             unsigned cpu = 0;
             unsigned long w[8] = {};
             if (std::sscanf(line, "cpu%u %lu %lu %lu %lu %lu %lu %lu %lu", &cpu, &w[0], &w[1], &w[2], &w[3], &w[4],

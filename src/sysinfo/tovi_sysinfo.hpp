@@ -14,6 +14,10 @@ inline constexpr const char *kSamplerLock = "/dev/shm/SYSINFO_PUICPUUSAGE_NOROOT
 // One sample of /proc/stat into the shared arrays (sysinfo_init first).
 void update_all_cpu_usage();
 
+// An exclusive record lock on all of `fd`, waiting for it. False (errno
+// set) when it cannot be had.
+bool lock_whole(int fd);
+
 // Whether steal time counts as busy (SYSINFO_CPUUSAGE_STEAL_BUSY = 1).
 bool steal_is_busy();
 
