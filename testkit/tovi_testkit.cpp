@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <dlfcn.h>
 #include <mutex>
 #include <string>
 
@@ -26,6 +27,18 @@ constexpr uint64_t kNsPerSec = 1000000000;
 // Relaxed: the clock is moved by the test thread only; library threads the
 // test may still start read it without ordering anything else by it.
 std::atomic<uint64_t> g_now_ns{0};
+// Set by the first tovi_testkit_start that succeeds: before it the timer
+// lists and the work queue are not built, and driving them would crash.
+std::atomic<bool> g_started{false};
+
+bool started(const char *caller)
+{
+    if (g_started.load(std::memory_order_acquire))
+        return true;
+    std::fprintf(stderr, "%s: the test kit is not started: call tovi_testkit_start first and check that it returns 0\n",
+                 caller);
+    return false;
+}
 
 std::mutex g_log_mutex;
 // A deque: lines kept later never move the earlier ones, so a pointer the
@@ -78,6 +91,26 @@ void fire_hr_timers(uint64_t until)
     }
 }
 
+// The shared libraries the kit stands in for. Loaded beside it (the test was
+// linked with libtovi or libvrlog too), they keep their own clock, threads
+// and logging, and which copy a call reaches depends on the link order: the
+// test would pass or fail for reasons of its own.
+bool shared_library_loaded()
+{
+    for (const char *name : {"libtovi.so.1", "libvrlog.so.1"}) {
+        void *handle = dlopen(name, RTLD_LAZY | RTLD_NOLOAD);
+        if (handle != nullptr) {
+            dlclose(handle);
+            std::fprintf(stderr,
+                         "tovi_testkit_start: %s is loaded too: link the test with libtovi-testkit instead of "
+                         "libtovi and libvrlog (pkg-config --libs libtovi-testkit, or tovi::testkit alone)\n",
+                         name);
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 namespace tovi::arch {
@@ -99,6 +132,8 @@ extern "C" {
 int tovi_testkit_start(void)
 {
     tovi_testkit_log_clear();
+    if (shared_library_loaded())
+        return -1;
     setenv("TOVI_COMPANION", "user", 0);
     tovi::schedwork::SchedWorkRoot &work = tovi::schedwork::root();
     pthread_mutex_lock(&work.initMutex);
@@ -109,9 +144,10 @@ int tovi_testkit_start(void)
     __atomic_store_n(&work.started, 1u, __ATOMIC_RELEASE);
     __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
     pthread_mutex_unlock(&work.initMutex);
-    if (tovi::timer::hr::start_without_thread(hr_clock) != 0)
+    if (tovi::timer::hr::start_without_thread(hr_clock) != 0 || tovi::timer::start_without_thread() != 0)
         return -1;
-    return tovi::timer::start_without_thread();
+    g_started.store(true, std::memory_order_release);
+    return 0;
 }
 
 uint64_t tovi_testkit_now_ns(void)
@@ -119,7 +155,9 @@ uint64_t tovi_testkit_now_ns(void)
     return g_now_ns.load(std::memory_order_relaxed);
 }
 
-uint32_t tovi_testkit_run_work(void)
+namespace {
+
+uint32_t run_work()
 {
     tovi::schedwork::SchedWorkRoot &r = tovi::schedwork::root();
     uint32_t ran = 0;
@@ -140,15 +178,24 @@ uint32_t tovi_testkit_run_work(void)
     }
 }
 
+}  // namespace
+
+uint32_t tovi_testkit_run_work(void)
+{
+    return started("tovi_testkit_run_work") ? run_work() : 0;
+}
+
 uint32_t tovi_testkit_advance_ms(uint64_t ms)
 {
     uint32_t ran = 0;
+    if (!started("tovi_testkit_advance_ms"))
+        return 0;
     for (uint64_t i = 0; i < ms; ++i) {
         const uint64_t now = (g_now_ns.load(std::memory_order_relaxed) / kNsPerMs + 1) * kNsPerMs;
         fire_hr_timers(now);
         g_now_ns.store(now, std::memory_order_relaxed);
         tovi::timer::run_timers(tovi::timer::process_root(), now / kNsPerMs);
-        ran += tovi_testkit_run_work();
+        ran += run_work();
     }
     return ran;
 }
