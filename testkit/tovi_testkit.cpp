@@ -269,16 +269,23 @@ int vrlog_level_check(unsigned int, unsigned int)
 int vrlog(unsigned int, unsigned int level, const char *file, unsigned int, const char *func, unsigned int,
           const char *fmt, ...)
 {
+    // As the logging library: nothing for a NULL format, "?" for a NULL
+    // file or function name.
+    if (fmt == nullptr)
+        return 0;
     va_list ap;
     va_start(ap, fmt);
     std::string text = format(fmt, ap);
     va_end(ap);
-    keep(std::to_string(level) + " " + file + ":" + func + ": " + text);
+    keep(std::to_string(level) + " " + (file != nullptr ? file : "?") + ":" + (func != nullptr ? func : "?") + ": " +
+         text);
     return static_cast<int>(text.size()) + 1;
 }
 
 int vrlog_vraw(const char *fmt, va_list ap)
 {
+    if (fmt == nullptr)
+        return -1;
     std::string text = format(fmt, ap);
     keep("raw: " + text);
     return static_cast<int>(text.size()) + 1;
