@@ -8,8 +8,12 @@
 #include <cstring>
 #include <deque>
 #include <dlfcn.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "tovi_hr_timer.hpp"
 #include "tovi_list.hpp"
@@ -91,20 +95,67 @@ void fire_hr_timers(uint64_t until)
     }
 }
 
-// The shared libraries the kit stands in for. Loaded beside it (the test was
-// linked with libtovi or libvrlog too), they keep their own clock, threads
-// and logging, and which copy a call reaches depends on the link order: the
-// test would pass or fail for reasons of its own.
-bool shared_library_loaded()
+// The shared libraries the kit stands in for. A test linked with libtovi or
+// libvrlog before the kit has calls that reach the shared copy, with its own
+// clock, threads and logging: the test would pass or fail for reasons of its
+// own. Such a call is an undefined symbol of the program's dynamic symbol
+// table that the shared library defines. (Linked after the kit, the shared
+// library may be loaded but is never called, which is harmless.)
+std::string called_in_shared_library(const char *lib)
 {
-    for (const char *name : {"libtovi.so.1", "libvrlog.so.1"}) {
-        void *handle = dlopen(name, RTLD_LAZY | RTLD_NOLOAD);
-        if (handle != nullptr) {
-            dlclose(handle);
+    void *handle = dlopen(lib, RTLD_LAZY | RTLD_NOLOAD);
+    if (handle == nullptr)
+        return {};
+    std::string found;
+    const int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    Elf64_Ehdr eh{};
+    if (fd >= 0 && pread(fd, &eh, sizeof eh, 0) == sizeof eh && eh.e_shentsize == sizeof(Elf64_Shdr)) {
+        std::vector<Elf64_Shdr> sh(eh.e_shnum);
+        const ssize_t shBytes = static_cast<ssize_t>(sh.size() * sizeof(Elf64_Shdr));
+        if (pread(fd, sh.data(), static_cast<size_t>(shBytes), static_cast<off_t>(eh.e_shoff)) == shBytes) {
+            for (const Elf64_Shdr &dynsym : sh) {
+                if (dynsym.sh_type != SHT_DYNSYM || dynsym.sh_link >= sh.size())
+                    continue;
+                const Elf64_Shdr &strtab = sh[dynsym.sh_link];
+                std::vector<Elf64_Sym> syms(dynsym.sh_size / sizeof(Elf64_Sym));
+                std::string names(strtab.sh_size, '\0');
+                const ssize_t symBytes = static_cast<ssize_t>(syms.size() * sizeof(Elf64_Sym));
+                if (pread(fd, syms.data(), static_cast<size_t>(symBytes), static_cast<off_t>(dynsym.sh_offset)) !=
+                        symBytes ||
+                    pread(fd, names.data(), names.size(), static_cast<off_t>(strtab.sh_offset)) !=
+                        static_cast<ssize_t>(names.size()))
+                    break;
+                for (const Elf64_Sym &sym : syms) {
+                    if (sym.st_shndx != SHN_UNDEF || sym.st_name == 0 || sym.st_name >= names.size())
+                        continue;
+                    const char *name = names.c_str() + sym.st_name;
+                    void *addr = dlsym(handle, name);
+                    Dl_info info{};
+                    if (addr != nullptr && dladdr(addr, &info) != 0 && info.dli_fname != nullptr &&
+                        std::strstr(info.dli_fname, lib) != nullptr) {
+                        found = name;
+                        break;
+                    }
+                }
+            }
+        }
+    }
+    if (fd >= 0)
+        close(fd);
+    dlclose(handle);
+    return found;
+}
+
+bool shared_library_called()
+{
+    for (const char *lib : {"libtovi.so.1", "libvrlog.so.1"}) {
+        const std::string name = called_in_shared_library(lib);
+        if (!name.empty()) {
             std::fprintf(stderr,
-                         "tovi_testkit_start: %s is loaded too: link the test with libtovi-testkit instead of "
-                         "libtovi and libvrlog (pkg-config --libs libtovi-testkit, or tovi::testkit alone)\n",
-                         name);
+                         "tovi_testkit_start: the test program calls %s in %s instead of the kit's: link the test "
+                         "with libtovi-testkit instead of libtovi and libvrlog (pkg-config --libs libtovi-testkit, "
+                         "or tovi::testkit), or name the kit first\n",
+                         name.c_str(), lib);
             return true;
         }
     }
@@ -132,7 +183,7 @@ extern "C" {
 int tovi_testkit_start(void)
 {
     tovi_testkit_log_clear();
-    if (shared_library_loaded())
+    if (shared_library_called())
         return -1;
     setenv("TOVI_COMPANION", "user", 0);
     tovi::schedwork::SchedWorkRoot &work = tovi::schedwork::root();
