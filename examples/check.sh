@@ -45,4 +45,12 @@ echo 'int main(void) { return 0; }' | cc -x c - -o "$tmp/whole_kit" $(pkg-config
 for exe in "$tmp/testkit_example" "$tmp/cmake/example_test"; do
     "$exe" >/dev/null || { "$exe"; exit 1; }
 done
+# A test linked with libtovi before the kit is refused, saying why.
+# shellcheck disable=SC2046
+cc -std=c11 "$src/../testkit/example_test.c" -o "$tmp/testkit_mixed" $(pkg-config --cflags --libs libtovi libtovi-testkit)
+if "$tmp/testkit_mixed" >/dev/null 2>"$tmp/err" || ! grep -q "^tovi_testkit_start: the test program calls [a-z_]* in libtovi.so.1 instead of the kit.s: link the test with libtovi-testkit instead" "$tmp/err"; then
+    echo "examples: a test linked with libtovi and the kit was not refused:" >&2
+    cat "$tmp/err" >&2
+    exit 1
+fi
 echo "examples: timer_work, ini_worker and ring_handoff built with pkg-config and find_package(tovi) and ran as expected; the test kit example passed, built both ways"

@@ -7,8 +7,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <dlfcn.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "tovi_hr_timer.hpp"
 #include "tovi_list.hpp"
@@ -26,6 +31,18 @@ constexpr uint64_t kNsPerSec = 1000000000;
 // Relaxed: the clock is moved by the test thread only; library threads the
 // test may still start read it without ordering anything else by it.
 std::atomic<uint64_t> g_now_ns{0};
+// Set by the first tovi_testkit_start that succeeds: before it the timer
+// lists and the work queue are not built, and driving them would crash.
+std::atomic<bool> g_started{false};
+
+bool started(const char *caller)
+{
+    if (g_started.load(std::memory_order_acquire))
+        return true;
+    std::fprintf(stderr, "%s: the test kit is not started: call tovi_testkit_start first and check that it returns 0\n",
+                 caller);
+    return false;
+}
 
 std::mutex g_log_mutex;
 // A deque: lines kept later never move the earlier ones, so a pointer the
@@ -78,6 +95,73 @@ void fire_hr_timers(uint64_t until)
     }
 }
 
+// The shared libraries the kit stands in for. A test linked with libtovi or
+// libvrlog before the kit has calls that reach the shared copy, with its own
+// clock, threads and logging: the test would pass or fail for reasons of its
+// own. Such a call is an undefined symbol of the program's dynamic symbol
+// table that the shared library defines. (Linked after the kit, the shared
+// library may be loaded but is never called, which is harmless.)
+std::string called_in_shared_library(const char *lib)
+{
+    void *handle = dlopen(lib, RTLD_LAZY | RTLD_NOLOAD);
+    if (handle == nullptr)
+        return {};
+    std::string found;
+    const int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    Elf64_Ehdr eh{};
+    if (fd >= 0 && pread(fd, &eh, sizeof eh, 0) == sizeof eh && eh.e_shentsize == sizeof(Elf64_Shdr)) {
+        std::vector<Elf64_Shdr> sh(eh.e_shnum);
+        const ssize_t shBytes = static_cast<ssize_t>(sh.size() * sizeof(Elf64_Shdr));
+        if (pread(fd, sh.data(), static_cast<size_t>(shBytes), static_cast<off_t>(eh.e_shoff)) == shBytes) {
+            for (const Elf64_Shdr &dynsym : sh) {
+                if (dynsym.sh_type != SHT_DYNSYM || dynsym.sh_link >= sh.size())
+                    continue;
+                const Elf64_Shdr &strtab = sh[dynsym.sh_link];
+                std::vector<Elf64_Sym> syms(dynsym.sh_size / sizeof(Elf64_Sym));
+                std::string names(strtab.sh_size, '\0');
+                const ssize_t symBytes = static_cast<ssize_t>(syms.size() * sizeof(Elf64_Sym));
+                if (pread(fd, syms.data(), static_cast<size_t>(symBytes), static_cast<off_t>(dynsym.sh_offset)) !=
+                        symBytes ||
+                    pread(fd, names.data(), names.size(), static_cast<off_t>(strtab.sh_offset)) !=
+                        static_cast<ssize_t>(names.size()))
+                    break;
+                for (const Elf64_Sym &sym : syms) {
+                    if (sym.st_shndx != SHN_UNDEF || sym.st_name == 0 || sym.st_name >= names.size())
+                        continue;
+                    const char *name = names.c_str() + sym.st_name;
+                    void *addr = dlsym(handle, name);
+                    Dl_info info{};
+                    if (addr != nullptr && dladdr(addr, &info) != 0 && info.dli_fname != nullptr &&
+                        std::strstr(info.dli_fname, lib) != nullptr) {
+                        found = name;
+                        break;
+                    }
+                }
+            }
+        }
+    }
+    if (fd >= 0)
+        close(fd);
+    dlclose(handle);
+    return found;
+}
+
+bool shared_library_called()
+{
+    for (const char *lib : {"libtovi.so.1", "libvrlog.so.1"}) {
+        const std::string name = called_in_shared_library(lib);
+        if (!name.empty()) {
+            std::fprintf(stderr,
+                         "tovi_testkit_start: the test program calls %s in %s instead of the kit's: link the test "
+                         "with libtovi-testkit instead of libtovi and libvrlog (pkg-config --libs libtovi-testkit, "
+                         "or tovi::testkit), or name the kit first\n",
+                         name.c_str(), lib);
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 namespace tovi::arch {
@@ -99,6 +183,8 @@ extern "C" {
 int tovi_testkit_start(void)
 {
     tovi_testkit_log_clear();
+    if (shared_library_called())
+        return -1;
     setenv("TOVI_COMPANION", "user", 0);
     tovi::schedwork::SchedWorkRoot &work = tovi::schedwork::root();
     pthread_mutex_lock(&work.initMutex);
@@ -109,9 +195,10 @@ int tovi_testkit_start(void)
     __atomic_store_n(&work.started, 1u, __ATOMIC_RELEASE);
     __atomic_store_n(&work.inited, 1u, __ATOMIC_RELEASE);
     pthread_mutex_unlock(&work.initMutex);
-    if (tovi::timer::hr::start_without_thread(hr_clock) != 0)
+    if (tovi::timer::hr::start_without_thread(hr_clock) != 0 || tovi::timer::start_without_thread() != 0)
         return -1;
-    return tovi::timer::start_without_thread();
+    g_started.store(true, std::memory_order_release);
+    return 0;
 }
 
 uint64_t tovi_testkit_now_ns(void)
@@ -119,7 +206,9 @@ uint64_t tovi_testkit_now_ns(void)
     return g_now_ns.load(std::memory_order_relaxed);
 }
 
-uint32_t tovi_testkit_run_work(void)
+namespace {
+
+uint32_t run_work()
 {
     tovi::schedwork::SchedWorkRoot &r = tovi::schedwork::root();
     uint32_t ran = 0;
@@ -140,15 +229,24 @@ uint32_t tovi_testkit_run_work(void)
     }
 }
 
+}  // namespace
+
+uint32_t tovi_testkit_run_work(void)
+{
+    return started("tovi_testkit_run_work") ? run_work() : 0;
+}
+
 uint32_t tovi_testkit_advance_ms(uint64_t ms)
 {
     uint32_t ran = 0;
+    if (!started("tovi_testkit_advance_ms"))
+        return 0;
     for (uint64_t i = 0; i < ms; ++i) {
         const uint64_t now = (g_now_ns.load(std::memory_order_relaxed) / kNsPerMs + 1) * kNsPerMs;
         fire_hr_timers(now);
         g_now_ns.store(now, std::memory_order_relaxed);
         tovi::timer::run_timers(tovi::timer::process_root(), now / kNsPerMs);
-        ran += tovi_testkit_run_work();
+        ran += run_work();
     }
     return ran;
 }
@@ -222,16 +320,23 @@ int vrlog_level_check(unsigned int, unsigned int)
 int vrlog(unsigned int, unsigned int level, const char *file, unsigned int, const char *func, unsigned int,
           const char *fmt, ...)
 {
+    // As the logging library: nothing for a NULL format, "?" for a NULL
+    // file or function name.
+    if (fmt == nullptr)
+        return 0;
     va_list ap;
     va_start(ap, fmt);
     std::string text = format(fmt, ap);
     va_end(ap);
-    keep(std::to_string(level) + " " + file + ":" + func + ": " + text);
+    keep(std::to_string(level) + " " + (file != nullptr ? file : "?") + ":" + (func != nullptr ? func : "?") + ": " +
+         text);
     return static_cast<int>(text.size()) + 1;
 }
 
 int vrlog_vraw(const char *fmt, va_list ap)
 {
+    if (fmt == nullptr)
+        return -1;
     std::string text = format(fmt, ap);
     keep("raw: " + text);
     return static_cast<int>(text.size()) + 1;

@@ -37,7 +37,10 @@ extern "C" {
 /** Sets the clock to 0, builds the timer lists, the high-resolution timers
  * and the work queue without their threads and empties the captured log. 0,
  * or -1 when the timers cannot be built (or a high-resolution timer was armed
- * before, which started their thread). A second call empties the log and,
+ * before, which started their thread), or when the test program calls
+ * functions of libtovi.so.1 or libvrlog.so.1 instead of the kit's (it was
+ * linked with them before the kit; a line on standard error names one). A
+ * second call empties the log and,
  * after tovi_destory (which stops scheduled work), takes the work queue
  * back: call it again before queuing work after tovi_destory, or the queue
  * starts the library's own worker threads. */
@@ -53,18 +56,22 @@ uint64_t tovi_testkit_now_ns(void);
  * (the clock reads that millisecond while their callbacks run, so a timer
  * re-armed from its callback fires again within the same advance) and then
  * runs the queued work, oldest first, including work queued by that work.
- * Returns the number of work items run. */
+ * Returns the number of work items run; 0, with a line on standard error,
+ * when tovi_testkit_start has not succeeded. */
 uint32_t tovi_testkit_advance_ms(uint64_t ms);
 
-/** Runs the queued work now, without moving the clock: the number run. */
+/** Runs the queued work now, without moving the clock: the number run (0,
+ * with a line on standard error, when tovi_testkit_start has not succeeded). */
 uint32_t tovi_testkit_run_work(void);
 
 /** Number of log lines captured since the start (or the last clear). */
 uint32_t tovi_testkit_log_count(void);
 
 /** The captured line `index` as "LEVEL source:function: text" (LEVEL 3
- * error, 4 warning, 6 information, 7 debug; raw lines as "raw: text"), or
- * NULL past the end. Valid until the next clear. */
+ * error, 4 warning, 6 information, 7 debug; source is the library's module
+ * name, or the file an application passed to vrlog; raw lines, printk's
+ * included, as "raw: text"; trailing newlines dropped), or NULL past the end.
+ * Valid until the next clear. */
 const char *tovi_testkit_log_line(uint32_t index);
 
 /** Index of the first captured line containing `text`, or -1 (also for NULL). */
