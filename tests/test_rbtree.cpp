@@ -135,6 +135,7 @@ TEST_F(RbTest, HooksAndReplacementTouchExactlyTheNodesThatChange)
         EXPECT_EQ(tovi_rb_augment_erase_begin(&n[erased]->node), &n[changed]->node) << "erasing " << erased;
 
     root.node = nullptr;
+    EXPECT_TRUE(check().empty() && tovi_rb_first(nullptr) == nullptr && tovi_rb_last(nullptr) == nullptr) << "empty, no tree";
     Item *one = add(1);
     EXPECT_EQ(tovi_rb_augment_erase_begin(&one->node), nullptr) << "the only node";
 
