@@ -248,6 +248,7 @@ TEST(Crc32c, PiecesChainAndNullLeavesTheCrc)
 TEST(Crc16, EveryPathMatchesTheReferenceAndChains)
 {
     EXPECT_EQ(std::make_pair(tovi_crc16(0, kDigits, 9), tovi_crc16_soft(0, kDigits, 9)), std::make_pair(uint16_t{0xD0DB}, uint16_t{0xD0DB}));
+    EXPECT_EQ(std::make_pair(tovi_crc16(7, nullptr, 9), tovi_crc16_soft(7, nullptr, 9)), std::make_pair(uint16_t{7}, uint16_t{7}));
     std::vector<uint8_t> data = random_bytes(20000, 15);
     std::mt19937 rng(10);
     auto compare = [&](size_t len, size_t align) {
