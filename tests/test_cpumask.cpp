@@ -334,6 +334,7 @@ TEST(CpuLayout, NumaFileFailuresThenALoad)
     uint32_t first = 9, last = 9;
     EXPECT_EQ(tovi_numam_parse_cpustr("3-1", &first, &last), -1);
     EXPECT_EQ(tovi_numam_parse_cpustr("x", &first, &last), -1);
+    EXPECT_EQ(tovi_numam_parse_cpustr("5-5", &first, &last), 0) << "a range of one CPU";
     EXPECT_EQ(tovi_numam_parse_cpustr("5", &first, &last), 0);
     EXPECT_EQ(first * 10 + last, 55u);
     EXPECT_EQ(tovi_numam_cpuset_get(0, nullptr), -1);
