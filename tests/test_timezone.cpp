@@ -101,8 +101,9 @@ TEST(Timezone, StoredDstRules)
         {tovi_time_setutcoffsetD, "UTCOffDir=+"}, {tovi_time_setdstflag, "DstFlag=1"}, {tovi_time_setdstoffsetM, "DstMinOffSet=60"}};
     for (auto [set, line] : lines)
         EXPECT_EQ(set(line), 0) << line;
-    EXPECT_EQ(std::vector<int>({tovi_time_settzname("TimeZoneSty=X"), tovi_time_setutcoffsetH("UTCOffHours="), tovi_time_setdstflag(nullptr)}),
-              std::vector<int>({-1, -1, -1}));
+    EXPECT_EQ(std::vector<int>({tovi_time_settzname("TimeZoneSty=X"), tovi_time_setutcoffsetH("UTCOffHours="), tovi_time_setdstflag(nullptr),
+                               tovi_zonename_get_shell(nullptr)}),
+              std::vector<int>({-1, -1, -1, 0}));
     EXPECT_EQ(std::string(m_stTZInfo.name) + m_stTZInfo.style + m_stTZInfo.utcOffDir + std::to_string(g_toviDstInfo.minutes), "Europe/ParisCET+60");
     struct Case { const char *begin, *end; int month, day, hour; int32_t rc; };
     const Case cases[] = {
