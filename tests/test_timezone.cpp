@@ -311,12 +311,13 @@ TEST(Timezone, ZoneChainUnderPrivateRoot)
         CHILD_CHECK(mkfifo("/var/run/timezone/Asia_Tokyo", 0600) == 0 && tovi_time_settz("Asia/Tokyo") == 0 &&
                     tovi_time_getlocal_fromutc(1000) == 1000 + 19800 && tovi_time_query_dstforregion(std::string(250, 'x').c_str(), &offset) == -1);
         CHILD_CHECK(tovi_time_settz("Etc/UTC Europe/Berlin") == 0 && access("/var/run/timezone/Etc_UTC", F_OK) != 0);
-        CHILD_CHECK(write_file("/tmp/fail-settimezone", "") && tovi_time_settz("Asia/Tokyo") == -1 && tovi_time_query_dstforregion("a;b", &offset) == -1);
+        CHILD_CHECK(write_file("/tmp/fail-settimezone", "") && tovi_time_settz("Asia/Tokyo") == -1 && tovi_time_query_dstforregion("a;b", &offset) == -1 &&
+                    write_file("/tmp/fail-querydstinfoforregion", "") && tovi_time_query_dstconfinfoforregion("UTC", begin, end, &offset, &second) == -1);
         CHILD_CHECK(setenv("TZ", "UTC", 1) == 0 && tovi::timezone::time_echo_timeinfotoproc() == 0 && std::string(m_ascCmd).ends_with("\"0\" \"0\" \"+\" \"UTC\"") && m_ascTimeZoneStyle == std::string("UTC") && calls().ends_with("querydstforregion UTC\nquerydstinfo\ntokproc UTC 1 03-29 02:00:00 10-25 03:00:00 0 0 0 + UTC\n"));
         CHILD_CHECK(tovi_time_ckdst(0, 1720000000) == 0 && calls("querydstforregion") == "querydstforregion UTC\n");
         CHILD_CHECK(cap.texts() == Texts({"sync_timezone_to_kernel: read_timezone_file fail, -1.", "snprintf_s secure function failed, destMax<256>, count<255>.", "Param error: timezone_name(Etc/UTC Europe/Berlin) is dangerous.",
                                           "Set timezone failed, return value is 768.", "Set timezone failed, return value is -1.",
-                                          "Input param timeZoneName is invalid."}));
+                                          "Input param timeZoneName is invalid.", "Get DST config info failed, return value is 3."}));
         return std::string();
     });
 }
