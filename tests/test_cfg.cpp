@@ -132,7 +132,7 @@ TEST_F(Cfg, LongLinesAreCutAtTheLineLimitAndLongValuesRefused)
     // line, the rest the next line. Leading blanks do not count: e, one byte short, is kept.
     std::string ok(TOVI_CFG_VALUE_MAX - 1, 'v'), too_long(TOVI_CFG_VALUE_MAX, 'w');
     std::string full = "k=" + std::string(limit - 2, 'x'), split = "j=" + std::string(limit - 2, 'y') + "c=3";
-    write_file(p, "[S]\na=" + ok + "\nb=" + too_long + "\n" + full + "\nd=2\n" + split + "\n" + std::string(limit - 4, ' ') + "e=5\n");
+    write_file(p, std::string(70000, ' ') + "\n[S]\na=" + ok + "\nb=" + too_long + "\n" + full + "\nd=2\n" + split + "\n" + std::string(limit - 4, ' ') + "e=5\n");
     LogCapture cap;
     ASSERT_EQ(tovi_cfg_init_ex(p.c_str()), 0);
     EXPECT_TRUE(value_ex(p, "S", "a") == ok);  // not printed
