@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <tuple>
 #include <unistd.h>
 
 #include "vrlog.h"
@@ -116,7 +117,7 @@ TEST(Vrlog, RateLimitHoldsBackAModuleGroup)
     EXPECT_EQ(vrlog_get_group_id("nobody"), -1);
     EXPECT_EQ(vrlog_get_group_id("1023"), 1023);  // the last module; one more is none
     EXPECT_EQ(vrlog_get_group_id("1024"), -1);
-    EXPECT_EQ(vrlog_ratelimit_set(-1, 1000, 1), -1);
+    EXPECT_EQ(std::make_tuple(vrlog_ratelimit_set(-1, 1000, 1), vrlog_ratelimit_set(0, 0, 0), vrlog_ratelimit_set(1024, 0, 0)), std::make_tuple(-1, 0, -1));
     ASSERT_EQ(vrlog_ratelimit_set(200, 60000, 2), 0);
     StderrCapture cap;
     for (int i = 0; i < 5; ++i)
