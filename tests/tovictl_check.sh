@@ -91,8 +91,9 @@ grep -Eq '^woke thread [0-9]+ \(tovi_wake_up_process=0\): tovi_wait_comm returne
   "$tmp/out" || fail "tovictl demo: the woken thread did not report its jiffies left"
 grep -q 'ERROR' "$tmp/out" && fail "tovictl demo: an ERROR line: $(grep ERROR "$tmp/out")"
 grep -q 'Tovi init start.' "$tmp/out" && fail "tovictl demo: the library's start messages by default"
-env -u VRLOG_LEVEL "${tool[@]}" -v info >"$tmp/out" 2>&1
+env -u VRLOG_LEVEL TOVI_COMPANION=bogus "${tool[@]}" -v info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" || fail "tovictl -v info: the library's messages are missing"
+grep -q 'Unknown TOVI_COMPANION value bogus, choosing the companion automatically.$' "$tmp/out" || fail "TOVI_COMPANION=bogus: not warned"
 # VRLOG_LEVEL decides when set, for every module or for one.
 VRLOG_LEVEL=3 "${tool[@]}" info >"$tmp/out" 2>&1
 grep -q 'Tovi init start.' "$tmp/out" && fail "VRLOG_LEVEL=3 tovictl info: messages above the threshold"
