@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <thread>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -169,4 +171,21 @@ TEST_F(CfgHostile, AFailedFlushOrRenamePutsTheLoadedCopyBack)
     tovi::test::clear_faults();
     EXPECT_EQ(tovi_cfg_write_item_to_file(path_.c_str(), "A", "k", "new"), 0);
     EXPECT_EQ(tovi::test::fsync_calls(), 1u);
+}
+
+// A FIFO renamed over the file while a writer waits for its lock is refused by its kind, not read.
+TEST_F(CfgHostile, AFifoRenamedOverTheLockedFileIsRefused)
+{
+    spit(path_, "[A]\nk=old\n");
+    const int holder = open(path_.c_str(), O_RDWR);
+    ASSERT_EQ(flock(holder, LOCK_EX), 0);
+    LogCapture log;
+    int32_t rc = 0;
+    std::thread writer([&] { rc = tovi_cfg_write_item_to_file(path_.c_str(), "A", "k", "new"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the writer waits for the lock by now
+    ASSERT_TRUE(mkfifo((dir_ + "/f").c_str(), 0600) == 0 && rename((dir_ + "/f").c_str(), path_.c_str()) == 0);
+    close(holder);
+    writer.join();
+    EXPECT_EQ(rc, -1);
+    EXPECT_TRUE(log.contains("Config file (" + path_ + ") is not a regular file, mode 010600."));
 }
