@@ -31,7 +31,8 @@ int32_t run_command(const char *alloc_msg, const char *allow, const char *fmt, A
         TOVI_LOG(tovi::log::kError, "%s", alloc_msg);
         return -12;
     }
-    if (snprintf_s(cmd, kCmdSize, fmt, args...) < 0) {
+    // A text of exactly kCmdSize characters is cut by one, not refused.
+    if (const int n = snprintf_s(cmd, kCmdSize, fmt, args...); n < 0 || static_cast<size_t>(n) >= kCmdSize) {
         TOVI_LOG_RATELIMITED(tovi::log::kError, "sprintf_s secure function failed, destMax<%lu>.",
                              static_cast<unsigned long>(kCmdSize));
         std::free(cmd);
