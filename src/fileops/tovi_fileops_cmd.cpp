@@ -9,6 +9,7 @@
 
 #define TOVI_LOG_SOURCE "tovi_fileops"
 #include "tovi_fileops.h"
+#include "tovi_format.hpp"
 #include "tovi_log.hpp"
 #include "tovi_process.h"
 
@@ -31,8 +32,7 @@ int32_t run_command(const char *alloc_msg, const char *allow, const char *fmt, A
         TOVI_LOG(tovi::log::kError, "%s", alloc_msg);
         return -12;
     }
-    // A text of exactly kCmdSize characters is cut by one, not refused.
-    if (const int n = snprintf_s(cmd, kCmdSize, fmt, args...); n < 0 || static_cast<size_t>(n) >= kCmdSize) {
+    if (!tovi::formatted(snprintf_s(cmd, kCmdSize, fmt, args...), kCmdSize)) {
         TOVI_LOG_RATELIMITED(tovi::log::kError, "sprintf_s secure function failed, destMax<%lu>.",
                              static_cast<unsigned long>(kCmdSize));
         std::free(cmd);

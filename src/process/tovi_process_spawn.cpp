@@ -23,6 +23,7 @@
 
 #include <safe_str_lib.h>
 
+#include "tovi_format.hpp"
 #include "tovi_process.h"
 #include "tovi_process.hpp"
 
@@ -128,14 +129,6 @@ int wait_bounded(pid_t pid, uint32_t timeout_ms, int *status)
     }
 }
 
-// True when a formatted text of n characters fit whole: the bounded formatter
-// keeps size - 1 characters of a text of exactly size and still returns size,
-// and a path one character short can name another program.
-bool fits(int n, size_t size)
-{
-    return n >= 0 && static_cast<size_t>(n) < size;
-}
-
 // The program a path names: itself when it holds '/', else the first
 // executable file of that name in PATH. Resolved here rather than left to
 // the spawn so that a missing program is reported the same way everywhere
@@ -145,7 +138,7 @@ int resolve_program(const char *path, char (&out)[PATH_MAX])
     if (std::strchr(path, '/') != nullptr) {
         if (access(path, X_OK) != 0)
             return errno;
-        return fits(snprintf_s(out, sizeof out, "%s", path), sizeof out) ? 0 : ENAMETOOLONG;
+        return tovi::formatted(snprintf_s(out, sizeof out, "%s", path), sizeof out) ? 0 : ENAMETOOLONG;
     }
     const char *dirs = std::getenv("PATH");
     if (dirs == nullptr || *dirs == '\0')
@@ -155,7 +148,7 @@ int resolve_program(const char *path, char (&out)[PATH_MAX])
         const char *end = std::strchr(d, ':');
         size_t len = end != nullptr ? static_cast<size_t>(end - d) : std::strlen(d);
         // An empty entry is the current directory.
-        if (fits(snprintf_s(out, sizeof out, "%.*s%s%s", static_cast<int>(len), d, len != 0 ? "/" : "", path),
+        if (tovi::formatted(snprintf_s(out, sizeof out, "%.*s%s%s", static_cast<int>(len), d, len != 0 ? "/" : "", path),
                  sizeof out)) {
             struct stat st;
             if (access(out, X_OK) == 0 && stat(out, &st) == 0 && S_ISREG(st.st_mode))

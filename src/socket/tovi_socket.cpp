@@ -14,6 +14,7 @@
 
 #define TOVI_LOG_SOURCE "tovi_socket_rule_route"
 #include "tovi_fileops.h"
+#include "tovi_format.hpp"
 #include "tovi_log.hpp"
 #include "tovi_process.h"
 #include "tovi_socket.h"
@@ -37,8 +38,7 @@ struct Cmd {
 template <typename... Args>
 bool format(char *buf, size_t size, const char *fmt, Args... args)
 {
-    int n = snprintf_s(buf, size, fmt, args...);
-    if (n < 0 || static_cast<size_t>(n) >= size) {
+    if (!tovi::formatted(snprintf_s(buf, size, fmt, args...), size)) {
         TOVI_LOG(kError, "sprintf_s secure function failed, destMax<%lu>.", static_cast<unsigned long>(size));
         return false;
     }

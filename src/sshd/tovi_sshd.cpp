@@ -9,6 +9,7 @@
 
 #define TOVI_LOG_SOURCE "tovi_sshd"
 #include "tovi_fileops.h"
+#include "tovi_format.hpp"
 #include "tovi_log.hpp"
 #include "tovi_process.h"
 #include "tovi_sshd.h"
@@ -28,8 +29,7 @@ constexpr size_t kLineSize = 128;
 template <typename... Args>
 bool format_cmd(char (&cmd)[kCmdSize], const char *fmt, Args... args)
 {
-    int n = snprintf_s(cmd, sizeof cmd, fmt, args...);
-    return n >= 0 && static_cast<size_t>(n) < sizeof cmd;
+    return tovi::formatted(snprintf_s(cmd, sizeof cmd, fmt, args...), sizeof cmd);
 }
 
 // A test command whose failure only means "no".

@@ -281,7 +281,7 @@ int32_t tovi_time_query_dstforregion(const char *zone, uint32_t *dstFlag)
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax];
-    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone), sizeof cmd))
+    if (!tovi::formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstforregion", zone), sizeof cmd))
         return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
@@ -304,7 +304,7 @@ int32_t tovi_time_query_dstconfinfoforregion(const char *zone, char *begin, char
         return -1;
     }
     char cmd[kCmdMax], out[kCmdMax] = "";
-    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone), sizeof cmd))
+    if (!tovi::formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", kScript, "querydstinfoforregion", zone), sizeof cmd))
         return cmd_too_long(sizeof cmd);
     int32_t rc = run_script(out, cmd);
     if (rc != 0) {
@@ -331,7 +331,7 @@ int32_t tovi_time_query_dstconfforregion(const char *zone, tovi_dst_rules_s *rul
     std::tm tm{};
     local_now(&tm);
     char cmd[kCmdMax], out[kCmdMax];
-    if (!formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone,
+    if (!tovi::formatted(snprintf_s(cmd, sizeof cmd, "%s %s \"%s\" %d", kScript, "querydstinfoforcurrentyear", zone,
                               tm.tm_year + 1900),
                    sizeof cmd))
         return cmd_too_long(sizeof cmd);

@@ -7,6 +7,7 @@
 
 #include <safe_str_lib.h>
 
+#include "tovi_format.hpp"
 #include "tovi_timezone.hpp"
 #define TOVI_LOG_SOURCE "tovi_timeutil"
 #include "tovi_log.hpp"
@@ -101,8 +102,7 @@ FILE *open_regular(const char *path)
 
 bool cache_path(const char *zone, char *path, size_t size)
 {
-    int n = snprintf_s(path, size, "%s/%s", kCacheDir, zone);
-    if (n < 0 || static_cast<size_t>(n) >= size)
+    if (!tovi::formatted(snprintf_s(path, size, "%s/%s", kCacheDir, zone), size))
         return false;
     // The zone's own '/' would make directories: the cache is flat.
     for (size_t i = std::strlen(kCacheDir) + 1; path[i] != '\0'; ++i)

@@ -36,7 +36,7 @@ int32_t tovi_timezone_set_shell(const char *zone)
     }
     char cmd[256];
     int n = snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", tovi::timezone::kScript, "settimezone", zone);
-    if (!tovi::timezone::formatted(n, sizeof cmd)) {
+    if (!tovi::formatted(n, sizeof cmd)) {
         TOVI_LOG(kError, "Settimezone cmd snprintf_s failed, return %d.", n);
         return -1;
     }
@@ -47,7 +47,7 @@ int32_t tovi_timezone_set_shell(const char *zone)
     }
     tzset();
     n = snprintf_s(cmd, sizeof cmd, "%s %s \"%s\"", tovi::timezone::kScript, "synctimezone", zone);
-    if (!tovi::timezone::formatted(n, sizeof cmd)) {
+    if (!tovi::formatted(n, sizeof cmd)) {
         TOVI_LOG(kError, "Synctimezone cmd snprintf_s failed, return %d.", n);
         return -1;
     }
@@ -71,7 +71,7 @@ int32_t tovi_timezone_set(const char *zone)
     }
     char cmd[512];
     // The buffer is emptied when the name does not fit, and an empty command succeeds.
-    if (!tovi::timezone::formatted(snprintf_s(cmd, sizeof cmd, "timedatectl set-timezone %s", zone), sizeof cmd)) {
+    if (!tovi::formatted(snprintf_s(cmd, sizeof cmd, "timedatectl set-timezone %s", zone), sizeof cmd)) {
         TOVI_LOG(kError, "snprintf_s secure function failed, destMax<%lu>, count<%lu>.", sizeof cmd, sizeof cmd - 1);
         return -1;
     }
@@ -87,7 +87,7 @@ int32_t tovi_timezone_set(const char *zone)
     }
     char file[kNameMax];
     int n = snprintf_s(file, sizeof file, "%s%s", kZoneDir, zone);
-    if (!tovi::timezone::formatted(n, sizeof file)) {
+    if (!tovi::formatted(n, sizeof file)) {
         TOVI_LOG(kError, "Zone_info_file snprintf failed, return %d.", n);
         return -1;
     }
@@ -131,7 +131,7 @@ int32_t tovi_zonename_get_shell(char *buf)
     tovi_cmd_rm(kZoneConf);
     line[std::strcspn(line, "\r\n")] = '\0';  // the name, without its line end
     int n = sprintf_s(buf, kNameMax, "%s", line);
-    if (!tovi::timezone::formatted(n, kNameMax)) {
+    if (!tovi::formatted(n, kNameMax)) {
         TOVI_LOG(kError, "PscTimeZoneName sprintf_s failed,return %d.", n);
         return -1;
     }
@@ -175,7 +175,7 @@ int32_t tovi_zonename_get_by_soft_link(char *buf, uint32_t len)
     if (at == nullptr)
         return -1;
     int rc = sprintf_s(buf, len, "%s", at + std::strlen(kZoneDir));
-    if (!tovi::timezone::formatted(rc, len)) {
+    if (!tovi::formatted(rc, len)) {
         TOVI_LOG(kError, "Zonename_get_by_soft_link sprintf_s failed, return %d.", rc);
         return -1;
     }
@@ -194,7 +194,7 @@ int32_t tovi_zonename_get_by_sysconfig(char *buf, uint32_t len)
             continue;
         *last = '\0';
         rc = snprintf_s(buf, len, "%s", first + 1);
-        rc = tovi::timezone::formatted(rc, len) ? rc : -1;
+        rc = tovi::formatted(rc, len) ? rc : -1;
         break;
     }
     if (f != nullptr)

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "tovi_format.hpp"
 #include "tovi_timezone.h"
 
 namespace tovi::timezone {
@@ -16,12 +17,6 @@ inline constexpr const char *kProcFile = "/proc/kar/timezone";
 inline constexpr const char *kCacheDir = "/var/run/timezone";
 // Transitions after this moment (2037-12-31 23:59:59 UTC) are not kept.
 inline constexpr int64_t kTableEnd = 2145916799;
-
-// True when snprintf_s/sprintf_s wrote all of a text into size bytes. A text
-// of exactly size characters is not refused by the bounds-checking library:
-// it drops the last character and returns size, so a zone name or a command
-// would come out one character short.
-inline bool formatted(int n, size_t size) { return n >= 0 && static_cast<size_t>(n) < size; }
 
 // Runs cmd with its exit status marked by "zumshell"; the output goes to
 // out (outLen bytes, may be NULL: then any output is a failure). The status,
