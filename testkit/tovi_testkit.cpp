@@ -95,61 +95,73 @@ void fire_hr_timers(uint64_t until)
     }
 }
 
+bool read_at(int fd, void *buf, size_t size, uint64_t offset)
+{
+    return pread(fd, buf, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+}
+
+// The names of the program's undefined dynamic symbols: the calls it makes
+// into shared libraries. Empty when its file cannot be read.
+std::vector<std::string> undefined_dynamic_symbols()
+{
+    std::vector<std::string> out;
+    const int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return out;
+    Elf64_Ehdr eh{};
+    std::vector<Elf64_Shdr> sh;
+    if (read_at(fd, &eh, sizeof eh, 0) && eh.e_shentsize == sizeof(Elf64_Shdr)) {
+        sh.resize(eh.e_shnum);
+        if (!read_at(fd, sh.data(), sh.size() * sizeof(Elf64_Shdr), eh.e_shoff))
+            sh.clear();
+    }
+    for (const Elf64_Shdr &dynsym : sh) {
+        if (dynsym.sh_type != SHT_DYNSYM || dynsym.sh_link >= sh.size())
+            continue;
+        std::vector<Elf64_Sym> syms(dynsym.sh_size / sizeof(Elf64_Sym));
+        std::string names(sh[dynsym.sh_link].sh_size, '\0');
+        if (!read_at(fd, syms.data(), syms.size() * sizeof(Elf64_Sym), dynsym.sh_offset) ||
+            !read_at(fd, names.data(), names.size(), sh[dynsym.sh_link].sh_offset))
+            break;
+        for (const Elf64_Sym &sym : syms)
+            if (sym.st_shndx == SHN_UNDEF && sym.st_name != 0 && sym.st_name < names.size())
+                out.emplace_back(names.c_str() + sym.st_name);
+    }
+    close(fd);
+    return out;
+}
+
+// The first of `calls` that the loaded shared library `lib` serves, or "".
+std::string called_in_shared_library(const char *lib, const std::vector<std::string> &calls)
+{
+    void *handle = dlopen(lib, RTLD_LAZY | RTLD_NOLOAD);
+    if (handle == nullptr)
+        return {};
+    std::string found;
+    for (const std::string &name : calls) {
+        void *addr = dlsym(handle, name.c_str());
+        Dl_info info{};
+        if (addr != nullptr && dladdr(addr, &info) != 0 && info.dli_fname != nullptr &&
+            std::strstr(info.dli_fname, lib) != nullptr) {
+            found = name;
+            break;
+        }
+    }
+    dlclose(handle);
+    return found;
+}
+
 // The shared libraries the kit stands in for. A test linked with libtovi or
 // libvrlog before the kit has calls that reach the shared copy, with its own
 // clock, threads and logging: the test would pass or fail for reasons of its
 // own. Such a call is an undefined symbol of the program's dynamic symbol
 // table that the shared library defines. (Linked after the kit, the shared
 // library may be loaded but is never called, which is harmless.)
-std::string called_in_shared_library(const char *lib)
-{
-    void *handle = dlopen(lib, RTLD_LAZY | RTLD_NOLOAD);
-    if (handle == nullptr)
-        return {};
-    std::string found;
-    const int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
-    Elf64_Ehdr eh{};
-    if (fd >= 0 && pread(fd, &eh, sizeof eh, 0) == sizeof eh && eh.e_shentsize == sizeof(Elf64_Shdr)) {
-        std::vector<Elf64_Shdr> sh(eh.e_shnum);
-        const ssize_t shBytes = static_cast<ssize_t>(sh.size() * sizeof(Elf64_Shdr));
-        if (pread(fd, sh.data(), static_cast<size_t>(shBytes), static_cast<off_t>(eh.e_shoff)) == shBytes) {
-            for (const Elf64_Shdr &dynsym : sh) {
-                if (dynsym.sh_type != SHT_DYNSYM || dynsym.sh_link >= sh.size())
-                    continue;
-                const Elf64_Shdr &strtab = sh[dynsym.sh_link];
-                std::vector<Elf64_Sym> syms(dynsym.sh_size / sizeof(Elf64_Sym));
-                std::string names(strtab.sh_size, '\0');
-                const ssize_t symBytes = static_cast<ssize_t>(syms.size() * sizeof(Elf64_Sym));
-                if (pread(fd, syms.data(), static_cast<size_t>(symBytes), static_cast<off_t>(dynsym.sh_offset)) !=
-                        symBytes ||
-                    pread(fd, names.data(), names.size(), static_cast<off_t>(strtab.sh_offset)) !=
-                        static_cast<ssize_t>(names.size()))
-                    break;
-                for (const Elf64_Sym &sym : syms) {
-                    if (sym.st_shndx != SHN_UNDEF || sym.st_name == 0 || sym.st_name >= names.size())
-                        continue;
-                    const char *name = names.c_str() + sym.st_name;
-                    void *addr = dlsym(handle, name);
-                    Dl_info info{};
-                    if (addr != nullptr && dladdr(addr, &info) != 0 && info.dli_fname != nullptr &&
-                        std::strstr(info.dli_fname, lib) != nullptr) {
-                        found = name;
-                        break;
-                    }
-                }
-            }
-        }
-    }
-    if (fd >= 0)
-        close(fd);
-    dlclose(handle);
-    return found;
-}
-
 bool shared_library_called()
 {
+    const std::vector<std::string> calls = undefined_dynamic_symbols();
     for (const char *lib : {"libtovi.so.1", "libvrlog.so.1"}) {
-        const std::string name = called_in_shared_library(lib);
+        const std::string name = called_in_shared_library(lib, calls);
         if (!name.empty()) {
             std::fprintf(stderr,
                          "tovi_testkit_start: the test program calls %s in %s instead of the kit's: link the test "
