@@ -10,6 +10,7 @@
 #include <safe_str_lib.h>
 
 #include "tovi_cfg.hpp"
+#include "tovi_fileops.hpp"
 #include "tovi_lock.h"
 #include "tovi_lock.hpp"
 #define TOVI_LOG_SOURCE "tovi_cfg"
@@ -194,20 +195,11 @@ int check_regular(int fd, const char *path)
 
 int open_regular(const char *path, int flags, mode_t mode)
 {
-    // Non-blocking first: opening a FIFO with no writer must not wait.
-    int fd = open(path, flags | O_NONBLOCK | O_CLOEXEC, mode);
-    if (fd < 0)
-        return fd;
-    if (check_regular(fd, path) != 0) {
+    // Opening a FIFO with no writer must not wait.
+    int fd = fileops::open_nowait(path, flags, mode);
+    if (fd >= 0 && check_regular(fd, path) != 0) {
         close(fd);
         errno = EINVAL;
-        return -1;
-    }
-    int fl = fcntl(fd, F_GETFL);
-    if (fl < 0 || fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0) {
-        int err = errno;
-        close(fd);
-        errno = err;
         return -1;
     }
     return fd;

@@ -82,6 +82,19 @@ bool write_all(int fd, const char *p, size_t n)
     return true;
 }
 
+int open_nowait(const char *path, int flags, mode_t mode)
+{
+    const int fd = open(path, flags | O_NONBLOCK | O_CLOEXEC, mode);
+    const int fl = fd >= 0 ? fcntl(fd, F_GETFL) : -1;
+    if (fd >= 0 && (fl < 0 || fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0)) {
+        const int err = errno;
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
 }  // namespace tovi::fileops
 
 extern "C" {

@@ -1,6 +1,7 @@
 // Console output switching with dup/dup2: the originals live on in
 // close-on-exec duplicates so that programs started meanwhile do not
 // inherit them.
+#include "tovi_fileops.hpp"
 #include "tovi_tty.h"
 
 #include <fcntl.h>
@@ -54,19 +55,13 @@ TOVI_API int tovi_tty_redirect(const char *device, tovi_tty_saved_s *saved)
     // Opened without waiting: a serial line would wait for its carrier and
     // a FIFO for a reader. Blocking again before the switch, as the status
     // flags are shared with descriptors 1 and 2.
-    int fd = open(device, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    int fd = tovi::fileops::open_nowait(device, O_WRONLY | O_NOCTTY);
     if (fd >= 0 && fd <= STDERR_FILENO) {  // 1 or 2 is closed and the open took its number
         const int high = fcntl(fd, F_DUPFD_CLOEXEC, 3);
         const int e = errno;
         close(fd);
         fd = high;
         errno = e;
-    }
-    if (fd >= 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
-        const int err = errno;
-        close(fd);
-        fd = -1;
-        errno = err;
     }
     if (fd < 0) {
         const int err = errno;

@@ -1,6 +1,7 @@
 // Mini-XML behind the library's own opaque node type. Text is loaded as
 // opaque strings (one per run of text, white space kept) so that element
 // text reads back exactly as written.
+#include "tovi_fileops.hpp"
 #include "tovi_xml.h"
 
 #include <cerrno>
@@ -89,10 +90,10 @@ TOVI_API tovi_xml_node_s *tovi_xml_loadfile(const char *path)
         return nullptr;
     // Opened without waiting, so that a FIFO without a writer cannot hang
     // the caller (it reads as empty), then read as usual.
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const int fd = tovi::fileops::open_nowait(path, O_RDONLY);
     struct stat st;
     int err = 0;
-    if (fd < 0 || fstat(fd, &st) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
+    if (fd < 0 || fstat(fd, &st) != 0)
         err = errno;
     else if (S_ISDIR(st.st_mode))
         err = EISDIR;
